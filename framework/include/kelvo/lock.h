@@ -2,6 +2,8 @@
 // Locks: reader-writer lock, spin lock and once-guard.
 
 #include <atomic>
+#include <mutex>
+#include <mutex>
 #include <shared_mutex>
 #include <thread>
 
