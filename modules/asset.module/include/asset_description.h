@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "asset_identity.h"
 #include "asset_metadata.h"
@@ -28,6 +29,9 @@ using AssetType = std::shared_ptr<AssetTypeInterface>;
 using AssetDescription = std::shared_ptr<const AssetDescriptionInterface>;
 
 using Digest = std::array<std::uint8_t, 32>;
+
+struct AssetVersionValidity; // assets.h
+class IdAndVersionSet;       // assets.h
 
 // Translated-string keys used by the core.
 namespace stringkeys {
@@ -112,6 +116,27 @@ public:
   // The version tag, " - " and the local time "%Y-%m-%d %H:%M"; the version Id when both are empty.
   static Result<std::string> GetVersionString(const AssetDescription& description);
   static Result<std::string> GetVersionString(const Asset& asset);
+
+  // The standard repositories and the asset URL services; assets.h declares their types and
+  // tells what each does.
+  static AssetRepositoryRef GetBuiltinRepository();
+  static AssetRepositoryRef GetApplicationRepository();
+  static AssetRepositoryRef GetUserPrefsRepository();
+  static Result<AssetRepositoryRef> CreateRepositoryFromUrl(const Id& rid, const Id& repoType,
+                                                            const std::vector<AssetRepositoryRef>& bases,
+                                                            const Url& url, bool writable, bool derivedInPrefs,
+                                                            bool tempRepository);
+  static Result<Url> AddRepositoryScope(const Url& url, const AssetRepositoryRef& repository);
+  static Result<AssetDescription> ResolveAsset(const Url& url, const AssetRepositoryRef& repository);
+  static Result<Url> GetAssetUrl(const AssetDescription& asset, bool isLatest);
+  static Result<bool> IsAssetValid(const AssetDescription& asset);
+  static Result<bool> IsAssetVisible(const AssetDescription& asset);
+  static Result<AssetVersionValidity> IsAssetVersionValid(const AssetDescription& asset);
+  static Result<void> ResolveAssetsWithMissingAssets(
+      const AssetRepositoryRef& searchRepository, const Id& typeId, const IdAndVersion& idVersion,
+      const UniversalDateTime& assetCreationDate, IdAndVersionSet& checked,
+      const std::function<Result<void>(const AssetDescription&, const IdAndVersion&)>& callbackFound,
+      const std::function<Result<void>(bool olderExists)>& callbackMissing);
 };
 
 // Defaults shared by all assets: identity, repository and metadata.
