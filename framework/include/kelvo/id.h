@@ -47,6 +47,7 @@ class InternedId {
 public:
   InternedId() = default;
   explicit InternedId(std::string_view text);
+  explicit InternedId(const std::string& text) : InternedId(std::string_view(text)) {}
   InternedId(const Id& id) : InternedId(id.View()) {}
   InternedId(const char* text) : InternedId(std::string_view(text ? text : "")) {}
 

@@ -154,6 +154,7 @@ private:
 
 // Merges a description into the latest map of a search: a slot is replaced only by a strictly
 // newer time from another repository, or a strictly greater key from the same repository.
-void MergeIntoLatestMap(std::unordered_map<Id, AssetDescription>& latestMap, const AssetDescription& description);
+void MergeIntoLatestMap(std::unordered_map<Id, AssetDescription>& latestMap, const Id& aid,
+                        const AssetDescription& description);
 
 } // namespace kelvo

@@ -49,8 +49,9 @@ std::pair<std::size_t, bool> VersionsData::Find(const VersionKey& key) const {
 
 Result<void> BaseAssetRepositoryInterface::AssetLoadedImpl(const Asset&, bool) { return {}; }
 
-void MergeIntoLatestMap(std::unordered_map<Id, AssetDescription>& latestMap, const AssetDescription& description) {
-  AssetDescription& slot = latestMap[description->GetIdAndVersion().first];
+void MergeIntoLatestMap(std::unordered_map<Id, AssetDescription>& latestMap, const Id& aid,
+                        const AssetDescription& description) {
+  AssetDescription& slot = latestMap[aid];
   if (!slot) {
     slot = description;
     return;
@@ -199,6 +200,8 @@ Result<bool> BaseAssetRepositoryImpl::PrivateFindAssets(const TypeArray& types, 
         std::swap(candidates[i], candidates[i + SplitMix(s) % remaining]);
       }
     }
+    if ((findMode & (LATEST | WITHOUT_BASES)) == LATEST && state.latestMap.empty())
+      state.latestMap.reserve(candidates.size());
     for (const IdDataRef& idData : candidates) {
       if ((findMode & CHECK_CANCELLATION) && IsCurrentJobCancelled()) return OperationCancelledError();
       if (!anyType && std::find(types.begin(), types.end(), idData->typeId) == types.end()) continue;
@@ -243,7 +246,7 @@ Result<bool> BaseAssetRepositoryImpl::SelectVersions(const IdDataRef& idData, co
     if (!d) continue;
     if (!(findMode & WITH_DELETED) && d->IsDeleted()) continue;
     if (merge) {
-      MergeIntoLatestMap(state.latestMap, d);
+      MergeIntoLatestMap(state.latestMap, idData->aid, d);
     } else {
       auto r = receiver(d);
       if (r.HasError() || !*r) return r;
