@@ -1,0 +1,48 @@
+#pragma once
+// The index of a URL repository in memory: loaded parts with their compacted metadata, and what
+// the opening of a repository reads from _index before it decides whether to walk the tree.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "urlassetrepository.h"
+
+namespace kelvo {
+
+// _index/<lo>-<hi>: the versions lo..hi and, per metadata Id, the values of those versions
+// sorted by (asset Id, version Id), byte-wise.
+struct UrlIndexPart {
+  std::uint64_t lo = 0;
+  std::uint64_t hi = 0;
+  std::unordered_map<InternedId, std::vector<std::pair<IdAndVersion, Data>>> meta;
+
+  // The compacted value of metaId for key; null when the part has none.
+  const Data* Find(const InternedId& metaId, const IdAndVersion& key) const;
+};
+
+struct UrlAssetRepositoryImpl::LoadedIndex {
+  struct Asset {
+    std::string directoryName;
+    Id aid;
+    Id type;
+    std::shared_ptr<UrlVersionTable> versions;
+  };
+  std::vector<Asset> assets;
+  std::unordered_map<Id, std::size_t> byId; // index into assets
+  bool found = false;                       // at least one part was read
+  std::uint64_t newestHi = 0;               // hi of the first range read
+};
+
+// The compacted records of one document (array of [IdAndVersion, value]), sorted.
+Result<std::vector<std::pair<IdAndVersion, Data>>> DecodeCompactedMetaData(const Data& document);
+
+// A type Id read from asset.info or an index: old aliases mapped, and the Id that a registered
+// asset type reports for itself.
+Id NormalizeAssetTypeId(const std::string& text);
+// True for a line usable as an asset or type Id: not empty, no control characters.
+bool IsValidIdText(std::string_view text);
+
+} // namespace kelvo

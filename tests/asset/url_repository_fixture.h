@@ -1,0 +1,88 @@
+#pragma once
+// A temporary directory tree for URL repository tests: the repository root and the two
+// preference trees, removed at the end of each test.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+
+#include "kelvo/application.h"
+#include "test_assets.h"
+#include "urlassetrepository.h"
+
+namespace kelvo::testing {
+
+class UrlRepositoryTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    RegisterTextAssetType();
+    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    _base = std::filesystem::path("/tmp") / ("kelvo_urlrepo_" + std::string(info->test_suite_name()) + "_" +
+                                             std::string(info->name()) + "_" + std::to_string(::getpid()));
+    std::filesystem::remove_all(_base);
+    std::filesystem::create_directories(_base / "repo");
+    std::filesystem::create_directories(_base / "prefs");
+    std::filesystem::create_directories(_base / "globalprefs");
+    Application::SetUrl(APPLICATION_URLTYPE::PREFS_DIR, Url::FromFile((_base / "prefs").string()));
+    Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, Url::FromFile((_base / "globalprefs").string()));
+  }
+  void TearDown() override {
+    Application::SetUrl(APPLICATION_URLTYPE::PREFS_DIR, Url());
+    Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, Url());
+    std::error_code ec;
+    std::filesystem::permissions(_base / "repo" / "databaseid", std::filesystem::perms::owner_all,
+                                 std::filesystem::perm_options::add, ec);
+    std::filesystem::remove_all(_base, ec);
+  }
+
+  std::filesystem::path Root() const { return _base / "repo"; }
+  Url RootUrl() const { return Url::FromFile(Root().string()); }
+
+  std::shared_ptr<UrlAssetRepositoryImpl> Open(bool writable = true, const std::string& id = "test.repo") {
+    auto r = CreateUrlAssetRepository(Id(id), {}, RootUrl(), writable, false, false);
+    EXPECT_TRUE(r.HasValue()) << r.GetError().ToString();
+    return r.HasValue() ? *r : nullptr;
+  }
+
+  static AssetDescription Store(const std::shared_ptr<UrlAssetRepositoryImpl>& repo, const std::string& aid,
+                                const std::string& text, const AssetMetaDataRef& meta = nullptr) {
+    auto r = repo->StoreAsset(Id(aid), MakeText(text), meta);
+    EXPECT_TRUE(r.HasValue()) << r.GetError().ToString();
+    return r.HasValue() ? *r : nullptr;
+  }
+
+  // Every version of every asset of the given type: asset Id to the texts by version Id.
+  static std::map<std::string, std::map<std::string, std::string>> Contents(const AssetRepositoryRef& repo,
+                                                                            const Id& type = kTextType) {
+    std::map<std::string, std::map<std::string, std::string>> out;
+    auto r = repo->FindAssets(TypeArray{type}, Id(), Id(), ALL | WITHOUT_BASES, [&](const AssetDescription& d) -> Result<bool> {
+      out[d->GetIdAndVersion().first.ToString()][d->GetIdAndVersion().second.ToString()] = LoadText(d);
+      return true;
+    });
+    EXPECT_TRUE(r.HasValue()) << r.GetError().ToString();
+    return out;
+  }
+
+  static AssetDescription Latest(const AssetRepositoryRef& repo, const std::string& aid) {
+    auto r = repo->FindLatestAsset(Id(), Id(aid), Id(), WITHOUT_BASES);
+    EXPECT_TRUE(r.HasValue()) << r.GetError().ToString();
+    return r.HasValue() ? *r : nullptr;
+  }
+
+  static std::string ReadFile(const std::filesystem::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  static void WriteFile(const std::filesystem::path& p, const std::string& content) {
+    std::filesystem::create_directories(p.parent_path());
+    std::ofstream(p, std::ios::binary) << content;
+  }
+
+  std::filesystem::path _base;
+};
+
+} // namespace kelvo::testing
