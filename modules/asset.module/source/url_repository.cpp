@@ -365,7 +365,9 @@ Result<void> UrlAssetRepositoryImpl::LoadVersionsImpl(const Id& aid, const Id& t
     for (auto& meta : found.meta)
       metaNames.push_back(MetaName{std::move(meta.name.metaId), meta.name.kind, meta.name.isUrl, std::move(meta.fileName)});
     KELVO_RETURN_ON_ERROR(AddSideTreeMetaData(versionDir, metaNames));
-    if (!parsed->deleted && found.content.IsEmpty()) continue;
+    // A deletion mark is a version directory whose hash file says "deleted".
+    const bool deleted = parsed->deleted || versionId == g_deletedVersionId;
+    if (!deleted && found.content.IsEmpty()) continue;
     {
       std::lock_guard guard(_lock);
       _nextVersion = std::max(_nextVersion, parsed->number);
@@ -376,7 +378,7 @@ Result<void> UrlAssetRepositoryImpl::LoadVersionsImpl(const Id& aid, const Id& t
       versionId = Id(DigestToHex(digest));
       if (IsWritable()) KELVO_RETURN_ON_ERROR(WriteFileAtomic(versionDir.Append("hash"), versionId.ToString() + "\n"));
     }
-    KELVO_RETURN_ON_ERROR(ReportVersion(aid, type, versionDir, parsed->number, versionId, parsed->deleted, found.content,
+    KELVO_RETURN_ON_ERROR(ReportVersion(aid, type, versionDir, parsed->number, versionId, deleted, found.content,
                                         metaNames, nullptr, receiver));
   }
   return {};
@@ -480,6 +482,8 @@ Result<StoredVersion> UrlAssetRepositoryImpl::StoreImpl(const Asset& asset, bool
   stored.vdata = Data(dir);
   if (deleteAsset) {
     stored.versionId = g_deletedVersionId;
+    // Written so that a later scan reads the directory as a deletion mark, not as a lost store.
+    KELVO_RETURN_ON_ERROR(WriteFileAtomic(dir.Append("hash"), stored.versionId.ToString() + "\n"));
     return stored;
   }
   KELVO_RETURN_ON_ERROR(WriteFileAtomic(dir.Append(kIncompleteMarker), ""));

@@ -1,0 +1,60 @@
+#pragma once
+// What kasset prints: exit codes, one-line errors on stderr, aligned tables and a progress bar.
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kasset {
+
+// Exit codes that scripts can rely on.
+enum EXITCODE : int {
+  EXIT_OK = 0,
+  EXIT_FAILED = 1,    // the operation failed
+  EXIT_USAGE = 2,     // bad command line
+  EXIT_NOT_FOUND = 3, // a named asset, version, file or repository doesn't exist
+};
+
+// Prints "kasset: error: <message>" on stderr (newlines in message become blanks) and returns
+// code, so that a command can `return Fail(...)`.
+int Fail(int code, const std::string& message);
+// Prints "kasset: <message>" on stderr.
+void Note(const std::string& message);
+
+// Rows of text printed with each column as wide as its widest cell; the last column is not
+// padded.
+class Table {
+public:
+  void AddRow(std::vector<std::string> row) { _rows.push_back(std::move(row)); }
+  bool IsEmpty() const { return _rows.empty(); }
+  std::string Format() const;
+
+private:
+  std::vector<std::vector<std::string>> _rows;
+};
+
+// A one-line progress bar on stderr, drawn only when stderr is a terminal and the work is big
+// enough to be worth it. Totals are in bytes.
+class Progress {
+public:
+  Progress(std::string label, std::uint64_t totalBytes, std::size_t totalItems);
+  ~Progress();
+  void Advance(std::uint64_t bytes, const std::string& item);
+  // Clears the bar, so that later output starts on a clean line.
+  void Finish();
+
+private:
+  void Draw(const std::string& item);
+  std::string _label;
+  std::uint64_t _totalBytes;
+  std::uint64_t _doneBytes = 0;
+  std::size_t _totalItems;
+  std::size_t _doneItems = 0;
+  bool _enabled;
+  bool _drawn = false;
+};
+
+// "1.5 MB" and the like.
+std::string FormatSize(std::uint64_t bytes);
+
+} // namespace kasset
