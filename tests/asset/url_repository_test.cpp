@@ -218,17 +218,24 @@ TEST_F(UrlRepositoryTest, EraseRemovesFiles) {
   EXPECT_EQ(Contents(reopened).count("gone"), 0u);
 }
 
-TEST_F(UrlRepositoryTest, DeletedVersionHidesAssetAfterReopen) {
+TEST_F(UrlRepositoryTest, DeletionMarkSurvivesReopen) {
   auto repo = Open();
   ASSERT_TRUE(Store(repo, "del", "one"));
   auto marked = repo->DeleteAsset(Id("del"));
   ASSERT_TRUE(marked.HasValue()) << marked.GetError().ToString();
   EXPECT_EQ(Contents(repo).count("del"), 0u);
   repo.reset();
-  // The mark writes an empty numbered directory, which a reload passes over: the stored
-  // version is visible again, as the store left it.
   auto reopened = Open();
-  EXPECT_EQ(Contents(reopened).at("del").size(), 1u);
+  EXPECT_EQ(Contents(reopened).count("del"), 0u);
+  std::set<std::string> versions;
+  ASSERT_TRUE(reopened->FindAssets(TypeArray{}, Id("del"), Id(), ALL | WITH_DELETED | WITHOUT_BASES,
+                                   [&](const AssetDescription& d) -> Result<bool> {
+                                     versions.insert(d->GetIdAndVersion().second.ToString() +
+                                                     (d->IsDeleted() ? " deleted" : ""));
+                                     return true;
+                                   }).HasValue());
+  ASSERT_EQ(versions.size(), 2u);
+  EXPECT_EQ(versions.count("deleted deleted"), 1u);
 }
 
 TEST_F(UrlRepositoryTest, TwoObjectsSeeEachOthersStoresAfterRescan) {
@@ -349,6 +356,12 @@ TEST_F(UrlRepositoryTest, NamesFromTheTreeCantLeaveTheRoot) {
   ASSERT_TRUE(repo->EraseAsset(latest).HasValue());
   EXPECT_FALSE(fs::exists(_base / "outside"));
   EXPECT_TRUE(fs::exists(Root() / "victim" / "1" / "asset.txt"));
+  // Ids whose directory name would be "..", "." or hidden.
+  for (const char* aid : {"..", ".", ".hidden"}) ASSERT_TRUE(Store(repo, aid, aid));
+  EXPECT_FALSE(fs::exists(_base / "1"));
+  auto reread = Open();
+  const auto all = Contents(reread);
+  for (const char* aid : {"..", ".", ".hidden"}) EXPECT_EQ(all.at(aid).begin()->second, aid);
   // A metadata Id with a path separator is refused by the back end itself.
   const Data vdata = std::dynamic_pointer_cast<const AssetMetaDataImpl>(latest->GetMetaData())->GetVersionData();
   EXPECT_TRUE(repo->StoreMetaDataImpl(vdata, InternedId("a/../../b"), Data(std::int32_t(1)), IdAndVersion{}, Url(), 2,

@@ -454,7 +454,9 @@ Result<Data> UrlAssetRepositoryImpl::CreateDataForIdImpl(const Id& aid, const Id
   if (!IsWritable()) return IllegalStateError("Illegal state: Condition _writable not fulfilled. ");
   // Ids that differ only in case or replaced characters would share a directory, and asset.info
   // can name only one: a later Id gets the first free "<name>~<k>".
-  const std::string base = AssetIdToDirectoryName(aid.View());
+  // A name beginning with "." would be "..", "." or hidden from every scan: it starts with "_".
+  std::string base = AssetIdToDirectoryName(aid.View());
+  if (base.empty() || base.front() == '.') base.insert(base.begin(), '_');
   Url dir = _url.Append(base);
   for (int k = 2;; ++k) {
     if (dir.IoDetect() == IODETECT::NONE) break;

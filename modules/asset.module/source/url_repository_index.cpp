@@ -13,6 +13,7 @@
 #include <unordered_set>
 
 #include "data_document.h"
+#include "kelvo/config.h"
 #include "kelvo/hash.h"
 #include "kelvo/log.h"
 #include "url_layout.h"
@@ -264,12 +265,17 @@ Result<void> UrlAssetRepositoryImpl::CompactCore(std::uint64_t generation) {
     std::unordered_set<std::string> excluded; // paths relative to the root that index.dat leaves out
     std::map<InternedId, std::vector<std::pair<IdAndVersion, Data>>> compacted;
     std::string listing;
+    const ConfigBool* diagnosticConfig = FindConfigBool("g_assetDiagnostic");
+    const bool diagnostic = diagnosticConfig && diagnosticConfig->Get();
     std::vector<Id> ids = GetAllIds();
     std::sort(ids.begin(), ids.end());
     for (const Id& aid : ids) {
       IdDataRef idData = FindIdData(aid);
       if (!idData) continue;
-      DiagnosticOutput("Compacting @...", aid);
+      if (diagnostic) DiagnosticOutput("Compacting @...", aid);
+      // A compaction job whose repository nobody else holds any longer stops here.
+      if (IsCurrentJobCancelled() || (GetCurrentJob() && weak_from_this().use_count() <= 1))
+        return OperationCancelledError();
       KELVO_ASSIGN_OR_RETURN(VersionsDataRef versions, GetVersions(idData));
       Data adata;
       {
@@ -366,7 +372,9 @@ Result<void> UrlAssetRepositoryImpl::CompactCore(std::uint64_t generation) {
 
     // Installing: only when the repository did not change since the compaction began.
     std::lock_guard install(_indexLock);
-    if (_changeGeneration.load() != generation || IsCurrentJobCancelled()) return OperationCancelledError();
+    if (_changeGeneration.load() != generation || IsCurrentJobCancelled() ||
+        (GetCurrentJob() && weak_from_this().use_count() <= 1))
+      return OperationCancelledError();
     const Url indexDir = _url.Append("_index");
     const Url target = indexDir.Append(rangeName);
     const Url targetJson = indexDir.Append(rangeName + ".json");
