@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "baseassetrepository.h"
@@ -155,6 +156,18 @@ private:
   void CancelCompaction(bool wait);
   Result<void> EnsureDatabaseAsset();
 
+  // The asset directories present in a side tree (user or derived metadata), listed once per
+  // opening, so that versions without side metadata cost no file system call.
+  struct SideTreeNames {
+    std::mutex lock;
+    bool loaded = false;
+    std::unordered_set<std::string> names;
+  };
+  bool MayHaveSideDirectory(SideTreeNames& names, const Url& tree, const std::string& assetDirectory);
+  void NoteSideDirectory(const Url& versionDir, std::uint32_t kind);
+  SideTreeNames _userNames;
+  SideTreeNames _derivedNames;
+
   // The pending delayed compaction and the running compaction job; guarded by _compactLock.
   mutable std::mutex _compactLock;
   std::shared_ptr<Timer> _compactTimer;
@@ -172,6 +185,7 @@ private:
   std::string _name; // guarded by _nameLock
   bool _scanNeeded = true;         // guarded by _lock
   std::uint64_t _nextVersion = 0; // guarded by _lock
+  std::uint64_t _versionFileHolds = ~std::uint64_t(0); // what this object last wrote; guarded by _lock
   SpinLock _lock;
   std::atomic<bool> _writable{false};
   std::atomic<bool> _indexExists{false};

@@ -151,6 +151,7 @@ Result<VersionDirectoryContent> FindContentUrl(const Url& dir, std::uint32_t bas
     std::error_code ec;
     fs::directory_iterator it(dir.GetPath(), ec), end;
     if (ec) {
+      if (ec == std::errc::no_such_file_or_directory || ec == std::errc::not_a_directory) return result;
       if (dir.IoDetect() != IODETECT::DIRECTORY) return result;
       return IoError("Can't list @: @", dir, ec.message());
     }

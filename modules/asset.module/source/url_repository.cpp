@@ -270,6 +270,11 @@ Result<void> UrlAssetRepositoryImpl::SetRepositoryName(const std::string& name, 
 // ---- known Ids -------------------------------------------------------------------------------------
 
 Result<void> UrlAssetRepositoryImpl::LoadExistingIdsImpl(const IdReceiver& receiver) {
+  for (SideTreeNames* names : {&_userNames, &_derivedNames}) {
+    std::lock_guard guard(names->lock);
+    names->loaded = false;
+    names->names.clear();
+  }
   LoadedIndex index;
   KELVO_ASSIGN_OR_RETURN(bool fromIndex, LoadIndex(index));
   _openedFromIndex = fromIndex;
@@ -384,15 +389,45 @@ Result<void> UrlAssetRepositoryImpl::LoadVersionsImpl(const Id& aid, const Id& t
   return {};
 }
 
+bool UrlAssetRepositoryImpl::MayHaveSideDirectory(SideTreeNames& names, const Url& tree,
+                                                  const std::string& assetDirectory) {
+  std::lock_guard guard(names.lock);
+  if (!names.loaded) {
+    names.names.clear();
+    if (auto entries = BrowseDirectory(tree); entries.HasValue()) {
+      for (DirectoryEntry& e : *entries)
+        if (e.type == IODETECT::DIRECTORY) names.names.insert(std::move(e.name));
+    } else if (tree.IoDetect() != IODETECT::NONE) {
+      // Unreadable: look at each version directory instead of trusting an empty list.
+      return true;
+    }
+    names.loaded = true;
+  }
+  return names.names.count(assetDirectory) != 0;
+}
+
+void UrlAssetRepositoryImpl::NoteSideDirectory(const Url& versionDir, std::uint32_t kind) {
+  SideTreeNames* names = nullptr;
+  if ((kind & AssetMetaData::USER) && !(_userUrl == _url))
+    names = &_userNames;
+  else if ((kind & AssetMetaData::DERIVED) && !(_derivedUrl == _url))
+    names = &_derivedNames;
+  if (!names) return;
+  std::lock_guard guard(names->lock);
+  names->names.insert(versionDir.GetDirectory().GetName());
+}
+
 Result<void> UrlAssetRepositoryImpl::AddSideTreeMetaData(const Url& versionDir, std::vector<MetaName>& metaNames) {
-  const std::string relative = versionDir.GetDirectory().GetName() + "/" + versionDir.GetName();
-  if (!_userUrl.IsEmpty() && !(_userUrl == _url)) {
+  const std::string assetDirectory = versionDir.GetDirectory().GetName();
+  const std::string relative = assetDirectory + "/" + versionDir.GetName();
+  if (!_userUrl.IsEmpty() && !(_userUrl == _url) && MayHaveSideDirectory(_userNames, _userUrl, assetDirectory)) {
     KELVO_ASSIGN_OR_RETURN(VersionDirectoryContent found, FindContentUrl(_userUrl.Append(relative), AssetMetaData::USER));
     for (auto& meta : found.meta)
       if (!meta.name.isUrl)
         metaNames.push_back(MetaName{std::move(meta.name.metaId), meta.name.kind, false, std::move(meta.fileName)});
   }
-  if (!_derivedUrl.IsEmpty() && !(_derivedUrl == _url)) {
+  if (!_derivedUrl.IsEmpty() && !(_derivedUrl == _url) &&
+      MayHaveSideDirectory(_derivedNames, _derivedUrl, assetDirectory)) {
     KELVO_ASSIGN_OR_RETURN(VersionDirectoryContent found, FindContentUrl(_derivedUrl.Append(relative), 0));
     for (auto& meta : found.meta)
       if (!meta.name.isUrl)
@@ -479,6 +514,7 @@ Result<StoredVersion> UrlAssetRepositoryImpl::StoreImpl(const Asset& asset, bool
   const UrlAssetData* data = GetUrlAssetData(adata);
   if (!data) return IllegalArgumentError("Foreign asset record @.", adata);
   const Url dir = data->url.Append(std::to_string(version.number));
+  const bool existed = dir.IoDetect() != IODETECT::NONE;
   KELVO_RETURN_ON_ERROR(dir.IoCreateDirectory(true));
   StoredVersion stored;
   stored.vdata = Data(dir);
@@ -488,10 +524,15 @@ Result<StoredVersion> UrlAssetRepositoryImpl::StoreImpl(const Asset& asset, bool
     KELVO_RETURN_ON_ERROR(WriteFileAtomic(dir.Append("hash"), stored.versionId.ToString() + "\n"));
     return stored;
   }
-  KELVO_RETURN_ON_ERROR(WriteFileAtomic(dir.Append(kIncompleteMarker), ""));
-  // An overwrite replaces the content: drop what an earlier store left.
-  KELVO_ASSIGN_OR_RETURN(VersionDirectoryContent earlier, FindContentUrl(dir, 0));
-  if (!earlier.content.IsEmpty()) KELVO_RETURN_ON_ERROR(earlier.content.IoDelete(true));
+  {
+    KELVO_ASSIGN_OR_RETURN(auto marker, dir.Append(kIncompleteMarker).OpenOutputStream());
+    KELVO_RETURN_ON_ERROR(marker->Close());
+  }
+  if (existed) {
+    // An overwrite replaces the content: drop what an earlier store left.
+    KELVO_ASSIGN_OR_RETURN(VersionDirectoryContent earlier, FindContentUrl(dir, 0));
+    if (!earlier.content.IsEmpty()) KELVO_RETURN_ON_ERROR(earlier.content.IoDelete(true));
+  }
 
   std::string suffix;
   if (asset) {
@@ -531,7 +572,13 @@ Result<StoredVersion> UrlAssetRepositoryImpl::StoreImpl(const Asset& asset, bool
   if (!overwrittenHash.IsEmpty()) stored.versionId = overwrittenHash;
   if (!IsValidIdText(stored.versionId.View()))
     return IllegalArgumentError("Illegal version Id @ for a store.", stored.versionId);
-  KELVO_RETURN_ON_ERROR(WriteFileAtomic(dir.Append("hash"), stored.versionId.ToString() + "\n"));
+  // Plain write: the marker keeps a half-written hash file from being read.
+  {
+    KELVO_ASSIGN_OR_RETURN(auto out, dir.Append("hash").OpenOutputStream());
+    const std::string line = stored.versionId.ToString() + "\n";
+    KELVO_RETURN_ON_ERROR(out->Write(line.data(), line.size()));
+    KELVO_RETURN_ON_ERROR(out->Close());
+  }
   return stored;
 }
 
@@ -625,6 +672,7 @@ Result<Data> UrlAssetRepositoryImpl::StoreMetaDataImpl(const Data& vdata, const 
       return data;
     }
     KELVO_RETURN_ON_ERROR(dir.IoCreateDirectory(true));
+    NoteSideDirectory(versionDir, kind);
     KELVO_RETURN_ON_ERROR(WriteMetaDataFile(file, data, kind == 10));
     return data;
   }
@@ -663,14 +711,18 @@ Result<VersionNumber> UrlAssetRepositoryImpl::GetNextVersionImpl() {
   const std::uint64_t next = _nextVersion + 1;
   KELVO_RETURN_ON_ERROR(WriteNextVersion(next));
   _nextVersion = next;
+  _versionFileHolds = next;
   return VersionNumber{next, static_cast<std::uint64_t>(GetId().GetHashCode())};
 }
 
 Result<void> UrlAssetRepositoryImpl::UpdateNextVersionImpl(const VersionNumber& currentVersion) {
   std::lock_guard guard(_lock);
   const std::uint64_t next = std::max(_nextVersion, currentVersion.number);
+  // The file already holds the number when this object wrote it: no rewrite per store.
+  if (next == _versionFileHolds && _versionUrl.IoDetect() == IODETECT::FILE) return {};
   KELVO_RETURN_ON_ERROR(WriteNextVersion(next));
   _nextVersion = next;
+  _versionFileHolds = next;
   return {};
 }
 

@@ -1,0 +1,230 @@
+// URL repository benchmarks, each against a plain tool doing the same work in the same run:
+//  - storing a 256 MiB file as a file asset vs. `openssl dgst -sha256` followed by `cp`;
+//  - opening a repository of 100,000 assets from its index vs. by walking its tree;
+//  - the walk vs. `find` over the same tree.
+// Data lives under /tmp and is removed at the end. KELVO_BENCH_ASSETS and KELVO_BENCH_FILE_MIB
+// make the data smaller for a quick run.
+
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include "asset_description.h"
+#include "kelvo/application.h"
+#include "text_asset.h"
+#include "urlassetrepository.h"
+
+using namespace kelvo;
+namespace fs = std::filesystem;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double Seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
+
+std::size_t EnvNumber(const char* name, std::size_t fallback) {
+  const char* v = std::getenv(name);
+  return v && *v ? static_cast<std::size_t>(std::strtoull(v, nullptr, 10)) : fallback;
+}
+
+// Runs a shell command and returns its wall time; negative when it failed.
+double TimeCommand(const std::string& command) {
+  const auto start = Clock::now();
+  const int status = std::system(command.c_str());
+  const double t = Seconds(start);
+  return status == 0 ? t : -1.0;
+}
+
+struct BenchDirectory {
+  BenchDirectory() {
+    root = fs::path("/tmp") / ("kelvo_url_bench_" + std::to_string(::getpid()));
+    fs::remove_all(root);
+    fs::create_directories(root / "prefs");
+    fs::create_directories(root / "globalprefs");
+    Application::SetUrl(APPLICATION_URLTYPE::PREFS_DIR, Url::FromFile((root / "prefs").string()));
+    Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, Url::FromFile((root / "globalprefs").string()));
+  }
+  ~BenchDirectory() { fs::remove_all(root); }
+  fs::path root;
+};
+
+BenchDirectory& Directory() {
+  static BenchDirectory dir;
+  return dir;
+}
+
+std::shared_ptr<UrlAssetRepositoryImpl> OpenRepository(const fs::path& path) {
+  fs::create_directories(path);
+  auto r = CreateUrlAssetRepository(Id("bench.repo"), {}, Url::FromFile(path.string()), true, false, false);
+  if (r.HasError()) {
+    std::fprintf(stderr, "open failed: %s\n", r.GetError().ToString().c_str());
+    std::abort();
+  }
+  return *r;
+}
+
+// ---- storing a large file ------------------------------------------------------------------------
+
+void BM_StoreLargeFile(benchmark::State& state) {
+  const fs::path root = Directory().root / "large";
+  fs::create_directories(root);
+  const std::size_t mib = EnvNumber("KELVO_BENCH_FILE_MIB", 256);
+  const fs::path source = root / "source.bin";
+  {
+    std::ofstream out(source, std::ios::binary);
+    std::mt19937_64 random(42);
+    std::vector<std::uint64_t> block(1 << 17);
+    for (std::size_t i = 0; i < mib; ++i) {
+      for (auto& w : block) w = random();
+      out.write(reinterpret_cast<const char*>(block.data()), static_cast<std::streamsize>(block.size() * 8));
+    }
+  }
+  auto repo = OpenRepository(root / "repo");
+  double storeTotal = 0, toolTotal = 0;
+  int runs = 0;
+  for (auto _ : state) {
+    (void)std::system("sync");
+    const auto start = Clock::now();
+    auto stored = repo->StoreAsset(Id("large.file"), FileAssetInterface::Create(Url::FromFile(source.string())), nullptr);
+    const double storeTime = Seconds(start);
+    if (stored.HasError()) {
+      state.SkipWithError(stored.GetError().ToString().c_str());
+      break;
+    }
+    (void)std::system("sync");
+    const double toolTime = TimeCommand("openssl dgst -sha256 '" + source.string() + "' > /dev/null && cp '" +
+                                        source.string() + "' '" + (root / "copy.bin").string() + "'");
+    if (toolTime < 0) {
+      state.SkipWithError("openssl or cp failed");
+      break;
+    }
+    state.SetIterationTime(storeTime);
+    storeTotal += storeTime;
+    toolTotal += toolTime;
+    ++runs;
+    (void)repo->EraseAsset(*stored);
+    fs::remove(root / "copy.bin");
+  }
+  if (runs > 0) {
+    state.counters["store_s"] = storeTotal / runs;
+    state.counters["hash_copy_s"] = toolTotal / runs;
+    state.counters["store_per_hash_copy"] = storeTotal / toolTotal;
+    state.counters["MiB"] = static_cast<double>(mib);
+  }
+  repo.reset();
+  fs::remove_all(root);
+}
+BENCHMARK(BM_StoreLargeFile)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+
+// ---- opening a large repository ----------------------------------------------------------------------
+
+struct LargeRepository {
+  LargeRepository() {
+    testing::RegisterTextAssetType();
+    path = Directory().root / "many";
+    count = EnvNumber("KELVO_BENCH_ASSETS", 100000);
+    const auto start = Clock::now();
+    auto repo = OpenRepository(path);
+    for (std::size_t i = 0; i < count; ++i) {
+      auto r = repo->StoreAsset(Id("asset." + std::to_string(i)), testing::MakeText("content " + std::to_string(i)),
+                                nullptr);
+      if (r.HasError()) {
+        std::fprintf(stderr, "store failed: %s\n", r.GetError().ToString().c_str());
+        std::abort();
+      }
+    }
+    fillSeconds = Seconds(start);
+    const auto compactStart = Clock::now();
+    auto compacted = repo->Compact();
+    if (compacted.HasError()) {
+      std::fprintf(stderr, "compact failed: %s\n", compacted.GetError().ToString().c_str());
+      std::abort();
+    }
+    compactSeconds = Seconds(compactStart);
+  }
+  fs::path path;
+  std::size_t count = 0;
+  double fillSeconds = 0;
+  double compactSeconds = 0;
+};
+
+LargeRepository& Large() {
+  static LargeRepository large;
+  return large;
+}
+
+// Opens the repository and reads the latest version (with its time) of every asset.
+std::size_t OpenAndList(const fs::path& path, bool expectIndex) {
+  auto repo = OpenRepository(path);
+  if (repo->WasOpenedFromIndex() != expectIndex) {
+    std::fprintf(stderr, "opened %s the index\n", expectIndex ? "without" : "from");
+    std::abort();
+  }
+  std::size_t n = 0;
+  auto r = repo->FindAssets(TypeArray{}, Id(), Id(), LATEST | WITHOUT_BASES, [&n](const AssetDescription&) -> Result<bool> {
+    ++n;
+    return true;
+  });
+  if (r.HasError()) std::abort();
+  return n;
+}
+
+void BM_OpenFromIndex(benchmark::State& state) {
+  LargeRepository& large = Large();
+  std::size_t n = 0;
+  for (auto _ : state) n = OpenAndList(large.path, true);
+  state.counters["assets"] = static_cast<double>(n);
+  state.counters["fill_s"] = large.fillSeconds;
+  state.counters["compact_s"] = large.compactSeconds;
+}
+BENCHMARK(BM_OpenFromIndex)->Iterations(3)->Unit(benchmark::kMillisecond);
+
+void BM_OpenByScan(benchmark::State& state) {
+  LargeRepository& large = Large();
+  const fs::path index = large.path / "_index";
+  const fs::path aside = large.path.parent_path() / "index_aside";
+  fs::rename(index, aside);
+  std::size_t n = 0;
+  double scanTotal = 0;
+  int runs = 0;
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    n = OpenAndList(large.path, false);
+    scanTotal += Seconds(start);
+    ++runs;
+  }
+  fs::rename(aside, index);
+  // The same open from the index, measured in this run for the ratio.
+  double indexTotal = 0;
+  for (int i = 0; i < runs; ++i) {
+    const auto start = Clock::now();
+    (void)OpenAndList(large.path, true);
+    indexTotal += Seconds(start);
+  }
+  const double findTime = TimeCommand("find '" + large.path.string() + "' > /dev/null");
+  state.counters["assets"] = static_cast<double>(n);
+  state.counters["scan_s"] = scanTotal / runs;
+  state.counters["index_s"] = indexTotal / runs;
+  state.counters["scan_per_index"] = scanTotal / indexTotal;
+  state.counters["find_s"] = findTime;
+  state.counters["scan_per_find"] = findTime > 0 ? (scanTotal / runs) / findTime : 0;
+}
+BENCHMARK(BM_OpenByScan)->Iterations(2)->Unit(benchmark::kMillisecond);
+
+} // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  Directory();
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  fs::remove_all(Directory().root);
+  return 0;
+}
