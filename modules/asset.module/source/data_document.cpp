@@ -23,6 +23,7 @@
 #include <shared_mutex>
 
 #include "asset_identity.h"
+#include "data_document_internal.h"
 #include "url_layout.h"
 
 namespace kelvo {
@@ -31,7 +32,8 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr int kFormat = 1;
+using documentdetail::Base64Decode;
+using documentdetail::kFormat;
 constexpr std::size_t kMaxDepth = 200;
 
 // ---- registered types ----------------------------------------------------------------------------
@@ -115,7 +117,7 @@ std::string Base64Encode(const std::uint8_t* p, std::size_t n) {
   return out;
 }
 
-Result<std::vector<std::uint8_t>> Base64Decode(std::string_view s) {
+Result<std::vector<std::uint8_t>> Base64DecodeImpl(std::string_view s) {
   if (s.size() % 4 != 0) return FileFormatError("Invalid base64 text of length @.", s.size());
   auto value = [](char c) -> int {
     if (c >= 'A' && c <= 'Z') return c - 'A';
@@ -271,15 +273,8 @@ Result<Data> Decode(const Json& j, std::size_t depth);
 
 Result<Data> DecodeFloat(const Json& p) {
   if (p.is_number()) return Data(p.get<double>());
-  if (p.is_object() && p.size() == 1 && p.contains("bits") && p["bits"].is_string()) {
-    const std::string& hex = p["bits"].get_ref<const std::string&>();
-    if (hex.size() != 16 || hex.find_first_not_of("0123456789abcdef") != std::string::npos)
-      return FileFormatError("Invalid float bits @ in a document.", hex);
-    const std::uint64_t bits = std::stoull(hex, nullptr, 16);
-    double d;
-    std::memcpy(&d, &bits, sizeof d);
-    return Data(d);
-  }
+  if (p.is_object() && p.size() == 1 && p.contains("bits") && p["bits"].is_string())
+    return documentdetail::FloatFromBits(p["bits"].get_ref<const std::string&>());
   return FileFormatError("Expected a float64 in a document.");
 }
 
@@ -380,11 +375,8 @@ Result<Data> DecodeTagged(const std::string& tag, const Json& p, std::size_t dep
   if (tag == "custom") {
     if (!p.is_array() || p.size() != 2) return FileFormatError("Expected a custom value in a document.");
     KELVO_ASSIGN_OR_RETURN(std::string type, DecodeText(p[0]));
-    std::optional<Converters> converters = FindConverters(Id(type));
-    if (!converters || !converters->fromPlain)
-      return FileFormatError("Data type @ of a document is unknown.", type);
     KELVO_ASSIGN_OR_RETURN(Data plain, Decode(p[1], depth + 1));
-    return converters->fromPlain(plain);
+    return documentdetail::FromPlain(Id(type), plain);
   }
   return FileFormatError("Unknown value tag @ in a document.", tag);
 }
@@ -430,6 +422,27 @@ private:
 
 } // namespace
 
+namespace documentdetail {
+
+Result<std::vector<std::uint8_t>> Base64Decode(std::string_view s) { return Base64DecodeImpl(s); }
+
+Result<Data> FloatFromBits(std::string_view hex) {
+  if (hex.size() != 16 || hex.find_first_not_of("0123456789abcdef") != std::string_view::npos)
+    return FileFormatError("Invalid float bits @ in a document.", std::string(hex));
+  const std::uint64_t bits = std::stoull(std::string(hex), nullptr, 16);
+  double d;
+  std::memcpy(&d, &bits, sizeof d);
+  return Data(d);
+}
+
+Result<Data> FromPlain(const Id& type, const Data& plain) {
+  std::optional<Converters> converters = FindConverters(type);
+  if (!converters || !converters->fromPlain) return FileFormatError("Data type @ of a document is unknown.", type);
+  return converters->fromPlain(plain);
+}
+
+} // namespace documentdetail
+
 Result<std::string> EncodeDocument(const Id& documentId, const Data& value, DOCUMENTMODE mode) {
   KELVO_ASSIGN_OR_RETURN(Json encoded, Encode(value, 0));
   try {
@@ -448,10 +461,9 @@ Result<Data> DecodeDocument(std::string_view bytes, const Id& documentId) {
     std::size_t first = 0;
     while (first < bytes.size() && (bytes[first] == ' ' || bytes[first] == '\t' || bytes[first] == '\n' || bytes[first] == '\r'))
       ++first;
-    const bool text = first < bytes.size() && bytes[first] == '{';
+    if (first >= bytes.size() || bytes[first] != '{') return documentdetail::DecodeBinaryDocument(bytes, documentId);
     DepthLimitedSax sax(doc);
-    const bool ok = Json::sax_parse(bytes.begin(), bytes.end(), &sax,
-                                    text ? nlohmann::json::input_format_t::json : nlohmann::json::input_format_t::cbor);
+    const bool ok = Json::sax_parse(bytes.begin(), bytes.end(), &sax, nlohmann::json::input_format_t::json);
     if (!ok || doc.is_discarded()) return FileFormatError("Document @ can't be parsed.", documentId);
   } catch (const std::exception& e) {
     return FileFormatError("Document @ can't be parsed: @", documentId, e.what());
