@@ -69,6 +69,13 @@ void Url::SetSuffix(std::string_view suffix) {
 }
 
 Url Url::GetDirectory() const {
+  if (_scheme != "file" && !_scheme.empty()) {
+    if (auto h = FindIoHandler(_scheme)) return h->RemoveUrl(*this);
+  }
+  return GetDirectoryPlain();
+}
+
+Url Url::GetDirectoryPlain() const {
   Url u = *this;
   u._data.reset();
   std::string p = _path;
@@ -92,6 +99,19 @@ Url Url::Append(std::string_view relative) const {
 }
 
 void Url::AppendInPlace(std::string_view relative) {
+  if (_scheme != "file" && !_scheme.empty()) {
+    if (auto h = FindIoHandler(_scheme)) {
+      Url joined = h->AppendUrl(*this, relative);
+      _scheme = std::move(joined._scheme);
+      _path = std::move(joined._path);
+      _data = std::move(joined._data);
+      return;
+    }
+  }
+  AppendPlainInPlace(relative);
+}
+
+void Url::AppendPlainInPlace(std::string_view relative) {
   while (!relative.empty() && relative.front() == '/') relative.remove_prefix(1);
   if (relative.empty()) return;
   if (!_path.empty() && _path.back() != '/') _path += '/';
@@ -219,6 +239,18 @@ Result<std::unique_ptr<OutputStream>> Url::OpenOutputStream() const {
 Result<Url> Url::Normalize() const {
   KELVO_ASSIGN_OR_RETURN(auto h, HandlerFor(*this));
   return h->Normalize(*this);
+}
+
+Result<std::string> Url::ConvertToUiName(std::uint32_t flags) const {
+  auto h = FindIoHandler(_scheme);
+  if (!h) return ToString();
+  return h->ConvertToUiName(*this, flags);
+}
+
+Url IoHandler::AppendUrl(const Url& url, std::string_view relative) const {
+  Url u = url;
+  u.AppendPlainInPlace(relative);
+  return u;
 }
 
 Result<std::string> Url::ReadAll() const {

@@ -138,6 +138,19 @@ TEST_F(AssetSchemeTest, ScopeRecordIsUsedUntilItsRepositoryGoes) {
   ASSERT_TRUE(stale.HasError());
 }
 
+TEST_F(AssetSchemeTest, RootStandsForTheEmptyPath) {
+  const Url top = Url("asset:///abc").GetDirectory();
+  EXPECT_EQ(top.ToString(), "asset:///root");
+  EXPECT_EQ(top.GetDirectory().ToString(), "asset:///root");
+  EXPECT_EQ(top.Append("x").ToString(), "asset:///x");
+  EXPECT_EQ(Url("asset:///abc/x/y.tif").GetDirectory().ToString(), "asset:///abc/x");
+  EXPECT_EQ(Url("meta:///abc").GetDirectory().Append("thumb.meta").ToString(), "meta:///thumb.meta");
+  // Other schemes keep the plain rules.
+  EXPECT_EQ(Url("file:///a").GetDirectory().Append("x").ToString(), "file:///x");
+  Store("abc", "one");
+  EXPECT_EQ(*Url("asset:///abc?name=Shown").ConvertToUiName(UINAME_NAME_ONLY), "Shown");
+}
+
 TEST_F(AssetSchemeTest, DirectoryAssetsOpenPathsInside) {
   const fs::path dir = fs::temp_directory_path() / ("kelvo_scheme_" + std::to_string(::getpid()));
   fs::create_directories(dir / "x");

@@ -47,11 +47,15 @@ public:
   // The text after the last "." of the name; empty when there is none.
   std::string GetSuffix() const;
   void SetSuffix(std::string_view suffix);
-  // This URL with the last component removed.
+  // This URL with the last component removed. A scheme's handler may give its paths a form of
+  // their own (IoHandler::RemoveUrl and AppendUrl).
   Url GetDirectory() const;
   // Joins a relative path ("a/b") with "/".
   Url Append(std::string_view relative) const;
   void AppendInPlace(std::string_view relative);
+  // The plain path operations, whatever the scheme's handler does.
+  Url GetDirectoryPlain() const;
+  void AppendPlainInPlace(std::string_view relative);
   // Scheme, path and query; other attached data does not take part.
   std::string ToString() const;
   // Compares scheme and path (and query), case sensitively. <0, 0, >0.
@@ -81,6 +85,9 @@ public:
   Result<void> WriteAll(std::string_view content) const;
   // The physical URL behind this one: itself for "file", the resolved target for others.
   Result<Url> Normalize() const;
+  // The text a user interface shows for this URL (the handler's; by default ToString()). The
+  // meaning of flags belongs to each scheme.
+  Result<std::string> ConvertToUiName(std::uint32_t flags = 0) const;
 
 private:
   std::string _scheme;
@@ -126,6 +133,11 @@ public:
   virtual Result<std::unique_ptr<InputStream>> OpenInputStream(const Url& url) const = 0;
   virtual Result<std::unique_ptr<OutputStream>> OpenOutputStream(const Url& url) const;
   virtual Result<Url> Normalize(const Url& url) const { return url; }
+  // The path operations of Url::Append and Url::GetDirectory for this scheme; by default the
+  // plain ones.
+  virtual Url AppendUrl(const Url& url, std::string_view relative) const;
+  virtual Url RemoveUrl(const Url& url) const { return url.GetDirectoryPlain(); }
+  virtual Result<std::string> ConvertToUiName(const Url& url, std::uint32_t) const { return url.ToString(); }
 };
 
 // Registers a handler under its scheme, replacing any earlier one. Thread safe.

@@ -121,6 +121,21 @@ public:
     if (r.resolved == url) return url;
     return r.resolved.Normalize();
   }
+  // The path never becomes empty: "root" stands for the empty path.
+  Url AppendUrl(const Url& url, std::string_view relative) const override {
+    Url u = url.GetPath() == kRoot ? url.GetDirectoryPlain() : url;
+    u.AppendPlainInPlace(relative);
+    return u;
+  }
+  Url RemoveUrl(const Url& url) const override {
+    Url u = url;
+    if (!u.GetPath().empty() && u.GetPath() != kRoot) u = u.GetDirectoryPlain();
+    if (u.GetPath().empty()) u.SetPath(std::string(kRoot));
+    return u;
+  }
+  Result<std::string> ConvertToUiName(const Url& url, std::uint32_t flags) const override {
+    return ConvertAssetUrlToUiName(url, flags, nullptr);
+  }
 
 private:
   Result<AssetConnection> Open(const Url& url) const {
