@@ -148,7 +148,8 @@ private:
                              const std::vector<MetaName>& metaNames, const UrlIndexPart* part,
                              const VersionReceiver& receiver);
   // Adds the metadata files of the user and derived trees of a version.
-  Result<void> AddSideTreeMetaData(const Url& versionDir, std::vector<MetaName>& metaNames);
+  Result<void> AddSideTreeMetaData(const std::string& assetDirectory, std::uint64_t number,
+                                   std::vector<MetaName>& metaNames);
   // The directory of a version in the tree of kind; none is set when that tree doesn't exist.
   Result<Url> SideTreeDirectory(const Url& versionDir, std::uint32_t kind, bool& none) const;
   Result<void> WriteNextVersion(std::uint64_t version);

@@ -228,6 +228,10 @@ bool LineReader::Next(std::string& line) {
   const std::size_t end = _text.find('\n', _pos);
   const std::string_view raw = _text.substr(_pos, end == std::string_view::npos ? std::string_view::npos : end - _pos);
   _pos = end == std::string_view::npos ? _text.size() : end + 1;
+  if (raw.find('\r') == std::string_view::npos) {
+    line.assign(raw);
+    return true;
+  }
   line.reserve(raw.size());
   for (char c : raw)
     if (c != '\r') line += c;

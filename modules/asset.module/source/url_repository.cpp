@@ -135,6 +135,14 @@ Id NormalizeAssetTypeId(const std::string& text) {
   return type;
 }
 
+Id TypeIdCache::Get(const std::string& text) {
+  auto it = _types.find(text);
+  if (it != _types.end()) return it->second;
+  Id type = NormalizeAssetTypeId(text);
+  if (_types.size() < 256) _types.emplace(text, type);
+  return type;
+}
+
 bool IsValidIdText(std::string_view text) {
   return !text.empty() && std::none_of(text.begin(), text.end(), [](char c) {
     return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
@@ -290,6 +298,7 @@ Result<void> UrlAssetRepositoryImpl::LoadExistingIdsImpl(const IdReceiver& recei
 
 Result<void> UrlAssetRepositoryImpl::ScanTree(const IdReceiver& receiver, const LoadedIndex& index) {
   KELVO_ASSIGN_OR_RETURN(std::vector<DirectoryEntry> entries, BrowseDirectory(_url));
+  TypeIdCache types;
   for (const DirectoryEntry& entry : entries) {
     if (IsCurrentJobCancelled()) return OperationCancelledError();
     if (entry.type != IODETECT::DIRECTORY || entry.isLink) continue;
@@ -304,7 +313,7 @@ Result<void> UrlAssetRepositoryImpl::ScanTree(const IdReceiver& receiver, const 
       continue;
     }
     const Id aid(idLine);
-    const Id type = NormalizeAssetTypeId(typeLine);
+    const Id type = types.Get(typeLine);
     KELVO_ASSIGN_OR_RETURN(Data * slot, receiver(aid, type));
     std::shared_ptr<UrlVersionTable> versions;
     if (auto it = index.byId.find(aid); it != index.byId.end() && index.assets[it->second].directoryName == entry.name)
@@ -321,6 +330,7 @@ Result<void> UrlAssetRepositoryImpl::LoadVersionsImpl(const Id& aid, const Id& t
   const UrlAssetData* data = GetUrlAssetData(adata);
   if (!data) return IllegalArgumentError("Foreign asset record @ for @.", adata, aid);
   const Url& assetDir = data->url;
+  const std::string assetDirectory = assetDir.GetName();
   if (data->versions) {
     for (const auto& [number, indexed] : *data->versions) {
       const Url versionDir = assetDir.Append(std::to_string(number));
@@ -334,7 +344,7 @@ Result<void> UrlAssetRepositoryImpl::LoadVersionsImpl(const Id& aid, const Id& t
         }
         if (auto meta = ClassifyMetaFileName(name, 0)) metaNames.push_back(MetaName{std::move(meta->metaId), meta->kind, meta->isUrl, name});
       }
-      KELVO_RETURN_ON_ERROR(AddSideTreeMetaData(versionDir, metaNames));
+      KELVO_RETURN_ON_ERROR(AddSideTreeMetaData(assetDirectory, number, metaNames));
       const bool deleted = indexed.versionId == g_deletedVersionId;
       KELVO_RETURN_ON_ERROR(ReportVersion(aid, type, versionDir, number, indexed.versionId, deleted, content, metaNames,
                                           indexed.part.get(), receiver));
@@ -369,7 +379,7 @@ Result<void> UrlAssetRepositoryImpl::LoadVersionsImpl(const Id& aid, const Id& t
     std::vector<MetaName> metaNames;
     for (auto& meta : found.meta)
       metaNames.push_back(MetaName{std::move(meta.name.metaId), meta.name.kind, meta.name.isUrl, std::move(meta.fileName)});
-    KELVO_RETURN_ON_ERROR(AddSideTreeMetaData(versionDir, metaNames));
+    KELVO_RETURN_ON_ERROR(AddSideTreeMetaData(assetDirectory, parsed->number, metaNames));
     // A deletion mark is a version directory whose hash file says "deleted".
     const bool deleted = parsed->deleted || versionId == g_deletedVersionId;
     if (!deleted && found.content.IsEmpty()) continue;
@@ -417,9 +427,9 @@ void UrlAssetRepositoryImpl::NoteSideDirectory(const Url& versionDir, std::uint3
   names->names.insert(versionDir.GetDirectory().GetName());
 }
 
-Result<void> UrlAssetRepositoryImpl::AddSideTreeMetaData(const Url& versionDir, std::vector<MetaName>& metaNames) {
-  const std::string assetDirectory = versionDir.GetDirectory().GetName();
-  const std::string relative = assetDirectory + "/" + versionDir.GetName();
+Result<void> UrlAssetRepositoryImpl::AddSideTreeMetaData(const std::string& assetDirectory, std::uint64_t number,
+                                                         std::vector<MetaName>& metaNames) {
+  const std::string relative = assetDirectory + "/" + std::to_string(number);
   if (!_userUrl.IsEmpty() && !(_userUrl == _url) && MayHaveSideDirectory(_userNames, _userUrl, assetDirectory)) {
     KELVO_ASSIGN_OR_RETURN(VersionDirectoryContent found, FindContentUrl(_userUrl.Append(relative), AssetMetaData::USER));
     for (auto& meta : found.meta)

@@ -198,6 +198,7 @@ Result<void> UrlAssetRepositoryImpl::LoadIndexPart(const Url& partDir, std::uint
   const std::shared_ptr<const UrlIndexPart> shared = part;
 
   LineReader reader(listing);
+  TypeIdCache types;
   std::string line;
   bool have = reader.Next(line);
   while (have) {
@@ -211,7 +212,7 @@ Result<void> UrlAssetRepositoryImpl::LoadIndexPart(const Url& partDir, std::uint
     const Id aid(idLine);
     auto [slot, added] = index.byId.emplace(aid, index.assets.size());
     if (added) {
-      index.assets.push_back(LoadedIndex::Asset{directoryName, aid, NormalizeAssetTypeId(typeLine),
+      index.assets.push_back(LoadedIndex::Asset{directoryName, aid, types.Get(typeLine),
                                                 std::make_shared<UrlVersionTable>()});
     } else if (index.assets[slot->second].directoryName != directoryName) {
       return FileFormatError("Asset @ has two directories in index @.", aid, partDir);

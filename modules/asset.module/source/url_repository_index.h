@@ -42,6 +42,14 @@ Result<std::vector<std::pair<IdAndVersion, Data>>> DecodeCompactedMetaData(const
 // A type Id read from asset.info or an index: old aliases mapped, and the Id that a registered
 // asset type reports for itself.
 Id NormalizeAssetTypeId(const std::string& text);
+// NormalizeAssetTypeId with the results kept, for reading many assets of few types.
+class TypeIdCache {
+public:
+  Id Get(const std::string& text);
+
+private:
+  std::unordered_map<std::string, Id> _types;
+};
 // True for a line usable as an asset or type Id: not empty, no control characters.
 bool IsValidIdText(std::string_view text);
 
