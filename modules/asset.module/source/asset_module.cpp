@@ -5,6 +5,7 @@
 #include <chrono>
 #include <mutex>
 
+#include "asset_databases_module.h"
 #include "assets.h"
 #include "builtin_repository.h"
 #include "kelvo/application.h"
@@ -112,17 +113,26 @@ Result<std::shared_ptr<Registry<BuiltinAssetLoader>>> GetBuiltinAssetLoaders() {
 
 Result<void> StartAssetModule() {
   ModuleState& state = State();
-  std::lock_guard guard(state.lock);
-  if (state.started) return {};
-  Result<void> r = StartLocked(state);
-  if (r.HasError()) {
-    ReleaseLocked(state);
-    UnregisterAssetIoHandlers();
+  {
+    std::lock_guard guard(state.lock);
+    if (state.started) return {};
+    Result<void> r = StartLocked(state);
+    if (r.HasError()) {
+      ReleaseLocked(state);
+      UnregisterAssetIoHandlers();
+      return r;
+    }
   }
-  return r;
+  // The first mount pass only gets enqueued here; callers wait with WaitForDatabaseLoading.
+  if (Result<void> databases = PrivateStartAssetDatabases(); databases.HasError())
+    WarningOutput("Can't start mounting the asset databases: @", databases.GetError());
+  return {};
 }
 
 void EndAssetModule() {
+  // The mount pass uses the standard repositories: it is cancelled and waited for first, with
+  // no module lock held.
+  PrivateEndAssetDatabases();
   ModuleState& state = State();
   AssetRepositoryRef builtin, application, user;
   {
