@@ -10,6 +10,7 @@
 #include <set>
 
 #include "assets.h"
+#include "db_commands.h"
 #include "kelvo/application.h"
 #include "output.h"
 
@@ -621,7 +622,12 @@ const std::vector<CommandSpec>& GetCommands() {
        "command, give --mount DIR to that command, e.g. 'kasset --mount DIR ls'.",
        {}},
   };
-  return commands;
+  static const std::vector<CommandSpec> all = [] {
+    std::vector<CommandSpec> v = commands;
+    v.insert(v.end(), GetDbCommands().begin(), GetDbCommands().end());
+    return v;
+  }();
+  return all;
 }
 
 std::string GlobalHelp() {
@@ -661,6 +667,7 @@ int RunCommand(const CommandLine& line, Session& session) {
   if (c == "rm") return CmdRm(line, session);
   if (c == "erase") return CmdErase(line, session);
   if (c == "mount") return CmdMount(line, session);
+  if (IsDbCommand(c)) return RunDbCommand(line, session);
   return Fail(EXIT_USAGE, "unknown command '" + c + "'");
 }
 

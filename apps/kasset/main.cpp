@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "args.h"
+#include "asset_databases.h"
 #include "assets.h"
 #include "commands.h"
 #include "kelvo/application.h"
@@ -50,6 +51,8 @@ int Run(const std::vector<std::string>& argv) {
   ApplyDirectories(line);
   if (auto r = kelvo::StartAssetModule(); r.HasError())
     return Fail(EXIT_FAILED, "can't start the asset module: " + r.GetError().ToString());
+  // Searches of the user repository reach the asset databases once the first mount pass is done.
+  (void)kelvo::AssetDataBases::WaitForDatabaseLoading();
 
   int code = EXIT_OK;
   {
