@@ -275,6 +275,7 @@ int CmdAdd(const CommandLine& line, Session& session) {
       aid = *made;
     }
     const Url source = Url::FromFile(path);
+    progress.Begin(source.GetName());
     auto stored = session.repository->StoreAsset(aid, FileAssetInterface::Create(source), inherited);
     if (stored.HasError()) {
       progress.Finish();

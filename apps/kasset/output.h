@@ -39,6 +39,8 @@ class Progress {
 public:
   Progress(std::string label, std::uint64_t totalBytes, std::size_t totalItems);
   ~Progress();
+  // Shows item as the one being worked on.
+  void Begin(const std::string& item) { Draw(item); }
   void Advance(std::uint64_t bytes, const std::string& item);
   // Clears the bar, so that later output starts on a clean line.
   void Finish();
