@@ -265,6 +265,19 @@ TEST_F(UrlRepositoryTest, IdsSharingADirectoryNameKeepTheirOwn) {
   EXPECT_EQ(contents.at("case").begin()->second, "lower");
 }
 
+TEST(DataBaseAssetTypeTest, IsAStandardTypeWithoutVersionsAndEmptyContent) {
+  AssetType type = FindAssetType(g_databaseAssetTypeId);
+  ASSERT_TRUE(type);
+  EXPECT_EQ(type->GetData(assettypeproperties::supportVersions).GetValueOr(Data(true)), Data(false));
+  EXPECT_EQ(type->GetUrlSuffix(nullptr), "");
+  Digest digest{};
+  ASSERT_TRUE(type->Store(DataBaseAssetInterface::Create(), Url(), &digest).HasValue());
+  EXPECT_EQ(ToHex(digest.data(), digest.size()), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+  auto wrong = type->Store(MakeText("x"), Url(), &digest);
+  ASSERT_TRUE(wrong.HasError());
+  EXPECT_EQ(wrong.GetError().GetMessage(), "Given asset is not a valid database.");
+}
+
 TEST_F(UrlRepositoryTest, RepositoryNameIsKeptByTheDatabaseAsset) {
   auto repo = Open();
   auto name = repo->GetRepositoryName(nullptr, false);

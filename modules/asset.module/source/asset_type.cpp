@@ -7,10 +7,12 @@
 #include "asset_description.h"
 #include "assetrepository.h"
 #include "class_name.h"
+#include "database_asset.h"
 #include "kelvo/application.h"
 #include "kelvo/hash.h"
 #include "meta_strings.h"
 #include "standard_asset_types.h"
+#include "url_layout.h"
 
 namespace kelvo {
 
@@ -80,6 +82,7 @@ Result<void> RegisterStandardAssetTypes() {
       return;
     }
     registry->InsertEntry(g_fileAssetTypeId, std::make_shared<FileAssetType>());
+    RegisterDataBaseAssetType();
   });
   return outcome;
 }
@@ -175,6 +178,11 @@ Result<void> FileAssetType::StoreTree(const Url& src, const Url& url, Digest* ha
     return {};
   }
   case IODETECT::FILE: {
+    if (hash) {
+      // Read once, hashed while copied (inside the kernel for local files).
+      KELVO_ASSIGN_OR_RETURN(*hash, HashAndCopyFile(src, url));
+      return {};
+    }
     KELVO_ASSIGN_OR_RETURN(std::unique_ptr<InputStream> in, src.OpenInputStream());
     std::unique_ptr<OutputStream> out;
     if (url.IsEmpty()) {

@@ -84,6 +84,10 @@ inline constexpr const char* kIncompleteMarker = ".incomplete";
 // lower-case name: hex digest, two blanks, lower-case name, LF). With a destination the content
 // is copied there at the same time (a directory without its parents).
 Result<Digest> HashContent(const Url& source, const Url& destination);
+// The SHA-256 of one file, copied to destination at the same time when that isn't empty. For
+// local files the content is read once through a memory mapping and copied inside the kernel;
+// other URLs go through streams.
+Result<Digest> HashAndCopyFile(const Url& source, const Url& destination);
 std::string DigestToHex(const Digest& digest);
 
 // Splits text into lines: LF ends a line, CR is dropped, the end of the text ends the last line.
