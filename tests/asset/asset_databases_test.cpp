@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <set>
 #include <thread>
 
@@ -18,6 +19,7 @@
 #include "assets.h"
 #include "kelvo/application.h"
 #include "kelvo/job_queue.h"
+#include "kelvo/log.h"
 #include "kelvo/settings.h"
 #include "kelvo/zip_io.h"
 #include "test_assets.h"
@@ -451,6 +453,32 @@ TEST_F(AssetDatabasesTest, ObserversAddDatabasesOnce) {
   EXPECT_FALSE(state->exportOnSaveProject);
   EXPECT_EQ(SearchOrder(), (std::vector<std::string>{"net.kelvo.repository.userprefs", "db.extra",
                                                      "net.kelvo.repository.builtin"}));
+}
+
+TEST_F(AssetDatabasesTest, TimingLinesOnlyWithDiagnostics) {
+  MakeDatabase(_root / "one", "db.one", {{"a", "1"}});
+  std::mutex lock;
+  std::vector<std::string> lines;
+  LogSink previous = SetLogSink([&](LOGLEVEL, const std::string& line) {
+    std::lock_guard guard(lock);
+    lines.push_back(line);
+  });
+  auto count = [&](const std::string& part) {
+    std::lock_guard guard(lock);
+    return std::count_if(lines.begin(), lines.end(), [&](const std::string& l) { return l.find(part) != std::string::npos; });
+  };
+  ASSERT_TRUE(StartAssetModule().HasValue());
+  SetList({AssetDatabaseStruct(FileUrl(_root / "one"))});
+  EXPECT_EQ(count("Async mounting asset databases"), 0);
+  {
+    ScopedConfig diagnostics(g_assetDiagnostic, true);
+    ASSERT_TRUE(AssetDataBases::ReloadAssetRepositories(true).HasValue());
+    Wait();
+  }
+  SetLogSink(previous);
+  EXPECT_EQ(count("Async mounting asset databases started."), 1);
+  EXPECT_EQ(count("Async mounting asset databases finished after: "), 1);
+  EXPECT_EQ(count("AssetInterface::CreateRepositoryFromUrl(" + FileUrl(_root / "one").ToString() + ") "), 1);
 }
 
 TEST_F(AssetDatabasesTest, UserListRoundTripsThroughSettings) {
