@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -255,58 +254,56 @@ public:
   Result<std::shared_ptr<Archive>> Get(const Url& archiveUrl) {
     const std::string key = archiveUrl.ToString();
     const FileIdentity identity = IdentityOf(archiveUrl);
+    std::shared_ptr<Archive> dropped; // released after the lock
     {
       std::lock_guard guard(_lock);
       auto it = _archives.find(key);
       if (it != _archives.end()) {
-        if (!identity.valid && archiveUrl.GetScheme() == "file") {
-          // The file is gone.
-          _lru.remove(key);
-          _archives.erase(it);
-        } else if (it->second->GetIdentity() == identity) {
-          Touch(key);
-          return it->second;
-        } else {
-          _lru.remove(key);
-          _archives.erase(it);
+        // An archive on disk that is gone or was replaced is opened anew.
+        if (it->second.archive->GetIdentity() == identity && (identity.valid || archiveUrl.GetScheme() != "file")) {
+          it->second.lastUse = ++_clock;
+          return it->second.archive;
         }
+        dropped = std::move(it->second.archive);
+        _archives.erase(it);
       }
     }
     // Opened without the cache lock: reading the listing of a large archive takes a while.
     KELVO_ASSIGN_OR_RETURN(std::shared_ptr<Archive> archive, Archive::Open(archiveUrl, identity));
+    std::vector<std::shared_ptr<Archive>> evicted;
     std::lock_guard guard(_lock);
-    auto [it, inserted] = _archives.try_emplace(key, archive);
+    auto [it, inserted] = _archives.try_emplace(key, Slot{archive, 0});
     if (!inserted) {
-      if (it->second->GetIdentity() == identity) return it->second;
-      it->second = archive;
+      if (it->second.archive->GetIdentity() == identity) {
+        it->second.lastUse = ++_clock;
+        return it->second.archive;
+      }
+      evicted.push_back(std::exchange(it->second.archive, archive));
     }
-    Touch(key);
-    while (_archives.size() > kMaxCachedArchives && !_lru.empty()) {
-      _archives.erase(_lru.back());
-      _lru.pop_back();
+    it->second.lastUse = ++_clock;
+    while (_archives.size() > kMaxCachedArchives) {
+      auto oldest = std::min_element(_archives.begin(), _archives.end(),
+                                     [](const auto& a, const auto& b) { return a.second.lastUse < b.second.lastUse; });
+      evicted.push_back(std::move(oldest->second.archive));
+      _archives.erase(oldest);
     }
     return archive;
   }
 
   void Flush() {
-    std::map<std::string, std::shared_ptr<Archive>> dropped;
-    {
-      std::lock_guard guard(_lock);
-      dropped.insert(_archives.begin(), _archives.end());
-      _archives.clear();
-      _lru.clear();
-    }
+    std::unordered_map<std::string, Slot> dropped;
+    std::lock_guard guard(_lock);
+    dropped.swap(_archives);
   }
 
 private:
-  void Touch(const std::string& key) {
-    _lru.remove(key);
-    _lru.push_front(key);
-  }
-
+  struct Slot {
+    std::shared_ptr<Archive> archive;
+    std::uint64_t lastUse = 0;
+  };
   std::mutex _lock;
-  std::unordered_map<std::string, std::shared_ptr<Archive>> _archives;
-  std::list<std::string> _lru;
+  std::unordered_map<std::string, Slot> _archives;
+  std::uint64_t _clock = 0;
 };
 
 ArchiveCache& Cache() {

@@ -262,3 +262,30 @@ TEST_F(ZipIoTest, ArchiveBehindAnotherSchemeIsReadIntoMemory) {
   EXPECT_EQ(nested.ReadAll().GetValueOr(""), "nested\n");
   EXPECT_EQ(Url(nested.ToString()).ReadAll().GetValueOr(""), "nested\n");
 }
+
+TEST_F(ZipIoTest, StreamsOutliveEvictionFromTheCache) {
+  const fs::path tree = _dir / "small";
+  WriteFile(tree / "data.txt", std::string(100000, 'd'));
+  Pack(tree, _dir / "a0.zip");
+  for (int i = 1; i < 140; ++i) fs::copy_file(_dir / "a0.zip", _dir / ("a" + std::to_string(i) + ".zip"));
+
+  auto first = MakeZipUrl(Url::FromFile((_dir / "a0.zip").string()), "data.txt").OpenInputStream();
+  ASSERT_TRUE(first.HasValue());
+  char head[10];
+  ASSERT_EQ((*first)->Read(head, sizeof(head)).GetValueOr(0), sizeof(head));
+  // Opening more archives than the cache keeps evicts the first one while its stream is open.
+  for (int i = 1; i < 140; ++i)
+    ASSERT_EQ(MakeZipUrl(Url::FromFile((_dir / ("a" + std::to_string(i) + ".zip")).string()), "data.txt").IoDetect(),
+              IODETECT::FILE);
+  std::string rest(100000, '\0');
+  std::size_t total = sizeof(head);
+  for (;;) {
+    auto n = (*first)->Read(rest.data(), rest.size());
+    ASSERT_TRUE(n.HasValue());
+    if (*n == 0) break;
+    total += *n;
+  }
+  EXPECT_EQ(total, 100000u);
+  first->reset();
+  EXPECT_EQ(MakeZipUrl(Url::FromFile((_dir / "a0.zip").string()), "data.txt").ReadAll().GetValueOr("").size(), 100000u);
+}
