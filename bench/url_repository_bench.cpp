@@ -6,6 +6,7 @@
 // make the data smaller for a quick run.
 
 #include <benchmark/benchmark.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -27,6 +28,14 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 double Seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
+
+// CPU seconds (user and system) of this process, or of its finished children.
+double CpuSeconds(int who) {
+  rusage u{};
+  ::getrusage(who, &u);
+  return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+         static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
 
 std::size_t EnvNumber(const char* name, std::size_t fallback) {
   const char* v = std::getenv(name);
@@ -86,24 +95,28 @@ void BM_StoreLargeFile(benchmark::State& state) {
     }
   }
   auto repo = OpenRepository(root / "repo");
-  double storeTotal = 0, toolTotal = 0;
+  double storeTotal = 0, toolTotal = 0, storeCpu = 0, toolCpu = 0;
   int runs = 0;
   for (auto _ : state) {
     (void)std::system("sync");
+    const double cpuStart = CpuSeconds(RUSAGE_SELF);
     const auto start = Clock::now();
     auto stored = repo->StoreAsset(Id("large.file"), FileAssetInterface::Create(Url::FromFile(source.string())), nullptr);
     const double storeTime = Seconds(start);
+    storeCpu += CpuSeconds(RUSAGE_SELF) - cpuStart;
     if (stored.HasError()) {
       state.SkipWithError(stored.GetError().ToString().c_str());
       break;
     }
     (void)std::system("sync");
+    const double childCpuStart = CpuSeconds(RUSAGE_CHILDREN);
     const double toolTime = TimeCommand("openssl dgst -sha256 '" + source.string() + "' > /dev/null && cp '" +
                                         source.string() + "' '" + (root / "copy.bin").string() + "'");
     if (toolTime < 0) {
       state.SkipWithError("openssl or cp failed");
       break;
     }
+    toolCpu += CpuSeconds(RUSAGE_CHILDREN) - childCpuStart;
     state.SetIterationTime(storeTime);
     storeTotal += storeTime;
     toolTotal += toolTime;
@@ -115,6 +128,9 @@ void BM_StoreLargeFile(benchmark::State& state) {
     state.counters["store_s"] = storeTotal / runs;
     state.counters["hash_copy_s"] = toolTotal / runs;
     state.counters["store_per_hash_copy"] = storeTotal / toolTotal;
+    state.counters["store_cpu_s"] = storeCpu / runs;
+    state.counters["hash_copy_cpu_s"] = toolCpu / runs;
+    state.counters["cpu_ratio"] = toolCpu > 0 ? storeCpu / toolCpu : 0;
     state.counters["MiB"] = static_cast<double>(mib);
   }
   repo.reset();
@@ -191,23 +207,31 @@ void BM_OpenByScan(benchmark::State& state) {
   const fs::path aside = large.path.parent_path() / "index_aside";
   fs::rename(index, aside);
   std::size_t n = 0;
-  double scanTotal = 0;
+  double scanTotal = 0, scanCpu = 0;
   int runs = 0;
   for (auto _ : state) {
+    const double cpuStart = CpuSeconds(RUSAGE_SELF);
     const auto start = Clock::now();
     n = OpenAndList(large.path, false);
     scanTotal += Seconds(start);
+    scanCpu += CpuSeconds(RUSAGE_SELF) - cpuStart;
     ++runs;
   }
   fs::rename(aside, index);
   // The same open from the index, measured in this run for the ratio.
-  double indexTotal = 0;
+  double indexTotal = 0, indexCpu = 0;
   for (int i = 0; i < runs; ++i) {
+    const double cpuStart = CpuSeconds(RUSAGE_SELF);
     const auto start = Clock::now();
     (void)OpenAndList(large.path, true);
     indexTotal += Seconds(start);
+    indexCpu += CpuSeconds(RUSAGE_SELF) - cpuStart;
   }
+  const double findCpuStart = CpuSeconds(RUSAGE_CHILDREN);
   const double findTime = TimeCommand("find '" + large.path.string() + "' > /dev/null");
+  state.counters["find_cpu_s"] = CpuSeconds(RUSAGE_CHILDREN) - findCpuStart;
+  state.counters["scan_cpu_s"] = scanCpu / runs;
+  state.counters["index_cpu_s"] = indexCpu / runs;
   state.counters["assets"] = static_cast<double>(n);
   state.counters["scan_s"] = scanTotal / runs;
   state.counters["index_s"] = indexTotal / runs;

@@ -3,6 +3,7 @@
 
 #include <thread>
 
+#include "kelvo/background_progress.h"
 #include "kelvo/hash.h"
 #include "kelvo/log.h"
 #include "url_layout.h"
@@ -214,6 +215,11 @@ TEST_F(IndexTest, ChangeRemovesIndexAndDelayedCompactionWritesANewOne) {
               state == REPOSITORYINDEXSTATE::EXISTS);
   ASSERT_TRUE(WaitFor([&] { return repo->GetIndexState() == REPOSITORYINDEXSTATE::EXISTS; }, 20));
   EXPECT_TRUE(fs::exists(Root() / "_index" / "0-2" / "index"));
+  // The job showed itself in the background progress.
+  bool reported = false;
+  for (const BackgroundEntryRef& entry : BackgroundProgress::GetEntries())
+    if (entry->GetName() == "Update Database Index for 'repo'") reported = true;
+  EXPECT_TRUE(reported);
   auto reopened = Open();
   EXPECT_TRUE(reopened->WasOpenedFromIndex());
   EXPECT_EQ(Contents(reopened).count("epsilon"), 1u);

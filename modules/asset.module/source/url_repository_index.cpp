@@ -13,6 +13,7 @@
 #include <unordered_set>
 
 #include "data_document.h"
+#include "kelvo/background_progress.h"
 #include "kelvo/config.h"
 #include "kelvo/hash.h"
 #include "kelvo/log.h"
@@ -468,14 +469,24 @@ Result<void> UrlAssetRepositoryImpl::CompactInBackground(double delay) {
       if (!repository) return {};
       const std::uint64_t generation = repository->_changeGeneration.load();
       repository->HandleBaseChanged(nullptr, false);
+      BackgroundEntryRef entry =
+          BackgroundProgress::AddActiveEntry(FormatString("Update Database Index for '@'", repository->_url.GetName()));
+      entry->SetCancelDelegate([weak] {
+        if (auto r = weak.lock()) r->CancelCompaction(false);
+      });
+      entry->SetProgress(kBackgroundProgressUnknown);
       repository->_indexExists = false;
       Result<void> r = repository->CompactCore(generation);
       if (r.HasError()) {
-        if (IsCurrentJobCancelled() || r.GetError().Is(errors::OperationCancelledError))
-          DiagnosticOutput("Update Database Index for '@': Cancelled by user", repository->_url.GetName());
-        else
+        if (IsCurrentJobCancelled() || r.GetError().Is(errors::OperationCancelledError)) {
+          entry->AddMessage(BACKGROUNDPROGRESSSTATE::CANCELED, "Cancelled by user");
+          entry->FinishCanceled();
+        } else {
+          entry->AddMessage(BACKGROUNDPROGRESSSTATE::ERROR, r.GetError().ToString());
           WarningOutput("Update Database Index for '@': @", repository->_url.GetName(), r.GetError());
+        }
       }
+      entry->Finish();
       {
         std::lock_guard guard(repository->_compactLock);
         if (repository->_compactJob == GetCurrentJob()) repository->_compactJob = JobRef();
