@@ -525,12 +525,13 @@ Result<void> RunMountJob(const std::vector<AssetDatabaseStruct>& list, bool forc
     else
       progress->Finish();
   }
+  // Logged before the job slot is cleared, so that a waiter sees the pass complete with its log.
+  if (g_assetDiagnostic) DiagnosticOutput("Async mounting asset databases finished after: @", Elapsed(start));
   {
     // Cleared on failure too, so that a waiter never blocks on a finished pass.
     std::lock_guard guard(s.jobLock);
     if (s.mountJob == GetCurrentJob()) s.mountJob = JobRef();
   }
-  if (g_assetDiagnostic) DiagnosticOutput("Async mounting asset databases finished after: @", Elapsed(start));
   return result;
 }
 
