@@ -83,10 +83,8 @@ bool IsDirectoryName(std::string_view name) { return IsSafePathComponent(name) &
 const Data* UrlIndexPart::Find(const InternedId& metaId, const IdAndVersion& key) const {
   auto it = meta.find(metaId);
   if (it == meta.end()) return nullptr;
-  const auto& records = it->second;
-  auto pos = std::lower_bound(records.begin(), records.end(), key, KeyLess);
-  if (pos == records.end() || !(pos->first == key)) return nullptr;
-  return &pos->second;
+  auto pos = it->second.byKey.find(key);
+  return pos == it->second.byKey.end() ? nullptr : &it->second.records[pos->second].second;
 }
 
 Result<std::vector<std::pair<IdAndVersion, Data>>> DecodeCompactedMetaData(const Data& document) {
@@ -190,7 +188,10 @@ Result<void> UrlAssetRepositoryImpl::LoadIndexPart(const Url& partDir, std::uint
     KELVO_ASSIGN_OR_RETURN(std::string bytes, ReadChecked(partDir, e.name, sums));
     KELVO_ASSIGN_OR_RETURN(Data document, DecodeDocument(bytes, g_compactedMetaDataDocumentId));
     KELVO_ASSIGN_OR_RETURN(auto records, DecodeCompactedMetaData(document));
-    part->meta[InternedId(std::string_view(e.name))] = std::move(records);
+    UrlIndexPart::Compacted& compacted = part->meta[InternedId(std::string_view(e.name))];
+    compacted.byKey.reserve(records.size());
+    for (std::size_t i = 0; i < records.size(); ++i) compacted.byKey.emplace(records[i].first, i);
+    compacted.records = std::move(records);
   }
   for (const auto& [name, sum] : sums)
     if (name != "index" && partDir.Append(name).IoDetect() != IODETECT::FILE)
