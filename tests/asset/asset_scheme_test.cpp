@@ -151,6 +151,25 @@ TEST_F(AssetSchemeTest, RootStandsForTheEmptyPath) {
   EXPECT_EQ(*Url("asset:///abc?name=Shown").ConvertToUiName(UINAME_NAME_ONLY), "Shown");
 }
 
+TEST_F(AssetSchemeTest, AssetDbPaths) {
+  // One component or none names no category chain: the URL stands.
+  auto single = ResolveAssetDbUrl(Url("assetdb:///Wood.png"), repo);
+  ASSERT_TRUE(single.HasValue());
+  EXPECT_EQ(single->ToString(), "assetdb:///Wood.png");
+  const fs::path file = fs::temp_directory_path() / ("kelvo_wood_" + std::to_string(::getpid()) + ".png");
+  std::ofstream(file) << "wood";
+  auto r = repo->StoreAsset(Id("wood"), FileAssetInterface::Create(Url::FromFile(file.string())), nullptr);
+  fs::remove(file);
+  ASSERT_TRUE(r.HasValue()) << r.GetError().ToString();
+  ASSERT_TRUE((*r)->StoreMetaString(stringkeys::name, "Wood.png", Language::GetDefaultLanguage()).HasValue());
+  // The name matches, but the asset has no category "Textures".
+  auto missing = ResolveAssetDbUrl(Url("assetdb:///Textures/wood.PNG"), repo);
+  ASSERT_TRUE(missing.HasError());
+  EXPECT_TRUE(missing.GetError().Is(errors::io));
+  EXPECT_NE(missing.GetError().GetMessage().find("Asset not found"), std::string::npos);
+  EXPECT_TRUE(ResolveAssetDbUrl(Url("asset:///wood"), repo).HasError());
+}
+
 TEST_F(AssetSchemeTest, DirectoryAssetsOpenPathsInside) {
   const fs::path dir = fs::temp_directory_path() / ("kelvo_scheme_" + std::to_string(::getpid()));
   fs::create_directories(dir / "x");
