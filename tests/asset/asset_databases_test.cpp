@@ -455,6 +455,33 @@ TEST_F(AssetDatabasesTest, ObserversAddDatabasesOnce) {
                                                      "net.kelvo.repository.builtin"}));
 }
 
+TEST_F(AssetDatabasesTest, SameUrlInTheLibraryAndTheUserListIsMountedOnce) {
+  MakeDatabase(Assets() / "shared", "db.shared", {{"s", "1"}});
+  MakeDatabase(_root / "mine", "db.mine", {{"m", "1"}});
+  ASSERT_TRUE(StartAssetModule().HasValue());
+  SetList({AssetDatabaseStruct(FileUrl(Assets() / "shared"), true, false), AssetDatabaseStruct(FileUrl(_root / "mine"))});
+  EXPECT_EQ(SearchOrder(), (std::vector<std::string>{"net.kelvo.repository.userprefs", "db.mine", "db.shared",
+                                                     "net.kelvo.repository.builtin"}));
+  // The library's item comes first and gives the repository its flag; the entry keeps the last.
+  EXPECT_EQ(Mounted(Assets() / "shared")->GetData(assetdatabasekeys::exportonsaveproject).Get<bool>(),
+            std::optional<bool>(true));
+  EXPECT_FALSE(StateOf(Assets() / "shared")->exportOnSaveProject);
+
+  // Switched off in the user's list, the same URL can't be mounted for the library either: the
+  // pass ends with an error and leaves the rest of the chain as it was.
+  SetList({AssetDatabaseStruct(FileUrl(Assets() / "shared"), false), AssetDatabaseStruct(FileUrl(_root / "mine"))});
+  EXPECT_TRUE(AnyContains(Messages(BACKGROUNDPROGRESSSTATE::ERROR),
+                          "Error mounting asset databases: Illegal state: Condition e != nullptr && e->_isActive not "
+                          "fulfilled."));
+  EXPECT_EQ(AssetDataBases::GetLastProgressEntry()->GetState(), BACKGROUNDPROGRESSSTATE::ERROR);
+  EXPECT_EQ(Mounted(Assets() / "shared"), nullptr);
+  // A failed pass stores no fingerprint: the same list runs in full again.
+  const BackgroundEntryRef failed = AssetDataBases::GetLastProgressEntry();
+  ASSERT_TRUE(AssetDataBases::ReloadAssetRepositories(false).HasValue());
+  Wait();
+  EXPECT_NE(AssetDataBases::GetLastProgressEntry(), failed);
+}
+
 TEST_F(AssetDatabasesTest, TimingLinesOnlyWithDiagnostics) {
   MakeDatabase(_root / "one", "db.one", {{"a", "1"}});
   std::mutex lock;

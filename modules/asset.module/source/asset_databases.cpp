@@ -515,9 +515,13 @@ Result<void> RunMountJob(const std::vector<AssetDatabaseStruct>& list, bool forc
   Result<void> result = MountPass(list, force, progress);
   if (result.HasError() && !result.GetError().Is(errors::OperationCancelledError)) {
     WarningOutput("Error mounting asset databases: @", result.GetError());
-    if (progress)
-      progress->AddMessage(BACKGROUNDPROGRESSSTATE::ERROR,
-                           FormatString("Error mounting asset databases: @", result.GetError()));
+    if (!progress) {
+      // The pass failed before it had an entry (while collecting): one is made for the report.
+      progress = BackgroundProgress::AddActiveEntry(kLoadingAssetDatabases);
+      std::lock_guard guard(s.jobLock);
+      s.lastProgress = progress;
+    }
+    progress->AddMessage(BACKGROUNDPROGRESSSTATE::ERROR, FormatString("Error mounting asset databases: @", result.GetError()));
   }
   if (progress) {
     if (result.HasError() && result.GetError().Is(errors::OperationCancelledError))
