@@ -5,6 +5,7 @@
 
 #include "kelvo/background_progress.h"
 #include "kelvo/hash.h"
+#include "kelvo/job_queue.h"
 #include "kelvo/log.h"
 #include "url_layout.h"
 #include "url_repository_fixture.h"
@@ -257,6 +258,9 @@ TEST_F(IndexTest, NoCompactionOutlivesItsRepository) {
     if (round % 3 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     repo.reset(); // cancels and waits; a job still running would touch a dead object
   }
+  // A job that held its repository when the handle went stops at its next asset; let it end
+  // before the tree is read and removed.
+  ASSERT_TRUE(JobQueue::GetDefaultQueue()->WaitAll().HasValue());
   // Whatever finished left a consistent tree.
   auto repo = Open();
   EXPECT_EQ(Contents(repo).size(), 5u);
