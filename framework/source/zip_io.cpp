@@ -268,7 +268,18 @@ public:
         _archives.erase(it);
       }
     }
-    // Opened without the cache lock: reading the listing of a large archive takes a while.
+    // Opened without the cache lock, since reading the listing of a large archive takes a while,
+    // but one at a time: libzip converts entry times with the C library's time zone state, and
+    // two threads that miss the cache for one archive then open it once.
+    std::lock_guard openGuard(_openLock);
+    {
+      std::lock_guard guard(_lock);
+      auto it = _archives.find(key);
+      if (it != _archives.end() && it->second.archive->GetIdentity() == identity) {
+        it->second.lastUse = ++_clock;
+        return it->second.archive;
+      }
+    }
     KELVO_ASSIGN_OR_RETURN(std::shared_ptr<Archive> archive, Archive::Open(archiveUrl, identity));
     std::vector<std::shared_ptr<Archive>> evicted;
     std::lock_guard guard(_lock);
@@ -301,6 +312,7 @@ private:
     std::shared_ptr<Archive> archive;
     std::uint64_t lastUse = 0;
   };
+  std::recursive_mutex _openLock; // taken before _lock; recursive because an archive inside an archive opens its outer one
   std::mutex _lock;
   std::unordered_map<std::string, Slot> _archives;
   std::uint64_t _clock = 0;
