@@ -50,17 +50,24 @@ double TimeCommand(const std::string& command) {
   return status == 0 ? t : -1.0;
 }
 
+// KELVO_BENCH_DIR names a directory that is kept between runs, so that a large repository is filled
+// once and then profiled on its own.
 struct BenchDirectory {
   BenchDirectory() {
-    root = fs::path("/tmp") / ("kelvo_url_bench_" + std::to_string(::getpid()));
-    fs::remove_all(root);
+    const char* kept = std::getenv("KELVO_BENCH_DIR");
+    keep = kept && *kept;
+    root = keep ? fs::path(kept) : fs::path("/tmp") / ("kelvo_url_bench_" + std::to_string(::getpid()));
+    if (!keep) fs::remove_all(root);
     fs::create_directories(root / "prefs");
     fs::create_directories(root / "globalprefs");
     Application::SetUrl(APPLICATION_URLTYPE::PREFS_DIR, Url::FromFile((root / "prefs").string()));
     Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, Url::FromFile((root / "globalprefs").string()));
   }
-  ~BenchDirectory() { fs::remove_all(root); }
+  ~BenchDirectory() {
+    if (!keep) fs::remove_all(root);
+  }
   fs::path root;
+  bool keep = false;
 };
 
 BenchDirectory& Directory() {
@@ -145,6 +152,7 @@ struct LargeRepository {
     testing::RegisterTextAssetType();
     path = Directory().root / "many";
     count = EnvNumber("KELVO_BENCH_ASSETS", 100000);
+    if (Directory().keep && fs::exists(path / "_index")) return; // filled by an earlier run
     const auto start = Clock::now();
     auto repo = OpenRepository(path);
     for (std::size_t i = 0; i < count; ++i) {
@@ -175,27 +183,55 @@ LargeRepository& Large() {
   return large;
 }
 
+// Times of one open: reading the Ids, listing the latest version of each, releasing the repository.
+struct OpenTimes {
+  double open = 0;
+  double list = 0;
+  double close = 0;
+  OpenTimes& operator+=(const OpenTimes& o) {
+    open += o.open;
+    list += o.list;
+    close += o.close;
+    return *this;
+  }
+};
+
 // Opens the repository and reads the latest version (with its time) of every asset.
-std::size_t OpenAndList(const fs::path& path, bool expectIndex) {
+std::size_t OpenAndList(const fs::path& path, bool expectIndex, OpenTimes* times = nullptr) {
+  auto start = Clock::now();
   auto repo = OpenRepository(path);
+  if (times) times->open += Seconds(start);
   if (repo->WasOpenedFromIndex() != expectIndex) {
     std::fprintf(stderr, "opened %s the index\n", expectIndex ? "without" : "from");
     std::abort();
   }
+  start = Clock::now();
   std::size_t n = 0;
   auto r = repo->FindAssets(TypeArray{}, Id(), Id(), LATEST | WITHOUT_BASES, [&n](const AssetDescription&) -> Result<bool> {
     ++n;
     return true;
   });
   if (r.HasError()) std::abort();
+  if (times) times->list += Seconds(start);
+  start = Clock::now();
+  repo.reset();
+  if (times) times->close += Seconds(start);
   return n;
 }
 
 void BM_OpenFromIndex(benchmark::State& state) {
   LargeRepository& large = Large();
   std::size_t n = 0;
-  for (auto _ : state) n = OpenAndList(large.path, true);
+  OpenTimes times;
+  int runs = 0;
+  for (auto _ : state) {
+    n = OpenAndList(large.path, true, &times);
+    ++runs;
+  }
   state.counters["assets"] = static_cast<double>(n);
+  state.counters["open_s"] = times.open / runs;
+  state.counters["list_s"] = times.list / runs;
+  state.counters["close_s"] = times.close / runs;
   state.counters["fill_s"] = large.fillSeconds;
   state.counters["compact_s"] = large.compactSeconds;
 }
@@ -249,6 +285,5 @@ int main(int argc, char** argv) {
   Directory();
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
-  fs::remove_all(Directory().root);
   return 0;
 }

@@ -69,8 +69,10 @@ inline std::string ToString(const InternedId& id) { return id.ToString(); }
 
 } // namespace kelvo
 
+// Deliberately not noexcept: standard hash tables then keep each node's hash, so a lookup or a
+// rehash compares stored hashes instead of reaching into every Id's representation.
 template <> struct std::hash<kelvo::Id> {
-  std::size_t operator()(const kelvo::Id& id) const noexcept { return id.GetHashCode(); }
+  std::size_t operator()(const kelvo::Id& id) const { return id.GetHashCode(); }
 };
 template <> struct std::hash<kelvo::InternedId> {
   std::size_t operator()(const kelvo::InternedId& id) const noexcept { return id.GetHashCode(); }

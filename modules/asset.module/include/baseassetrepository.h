@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -22,6 +23,7 @@ struct VersionEntry {
   VersionKey key;
   AssetDescription description;
   Data vdata;
+  Id versionId; // the description's version Id; empty without a description
 };
 
 // The versions of one asset Id: an immutable snapshot, replaced as a whole by writers, so a
@@ -29,10 +31,12 @@ struct VersionEntry {
 struct VersionsData {
   bool loaded = false;
   std::vector<VersionEntry> entries; // ascending by key; one entry per key
-  std::unordered_map<Id, VersionKey> byVersion;
 
   // The index of the entry with key, or of the place where it belongs, and whether it is there.
   std::pair<std::size_t, bool> Find(const VersionKey& key) const;
+  // The index of the newest entry with version Id versionId. An asset has few versions, and a
+  // scan spares every asset a hash table of its own.
+  std::optional<std::size_t> FindVersion(const Id& versionId) const;
 };
 using VersionsDataRef = std::shared_ptr<const VersionsData>;
 

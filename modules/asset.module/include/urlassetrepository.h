@@ -31,15 +31,15 @@ public:
   virtual Url GetUrl(bool getOrigin) const = 0;
 };
 
-// One loaded index part (the directory _index/<lo>-<hi>); defined with the index code.
-struct UrlIndexPart;
+// A metadata value that an index part holds for a version, so no file is read for it.
+using UrlCompactedValues = std::vector<std::pair<InternedId, Data>>;
 
-// A version known from the index: its version Id, the part it came from, and the names of its
-// content (first) and of its metadata files.
+// A version known from the index: its version Id, the names of its content (first) and of its
+// metadata files, and its compacted metadata values.
 struct UrlIndexedVersion {
   Id versionId;
-  std::shared_ptr<const UrlIndexPart> part;
   std::vector<std::string> names;
+  UrlCompactedValues compacted;
 };
 using UrlVersionTable = std::map<std::uint64_t, UrlIndexedVersion>;
 
@@ -148,7 +148,7 @@ private:
   Result<void> ScanTree(const IdReceiver& receiver, const LoadedIndex& index);
   Result<void> ReportVersion(const Id& aid, const Id& type, const Url& versionDir, std::uint64_t number,
                              const Id& versionId, bool deleted, const Url& content,
-                             const std::vector<MetaName>& metaNames, const UrlIndexPart* part,
+                             const std::vector<MetaName>& metaNames, const UrlCompactedValues* compacted,
                              const VersionReceiver& receiver);
   // Adds the metadata files of the user and derived trees of a version.
   Result<void> AddSideTreeMetaData(const std::string& assetDirectory, std::uint64_t number,

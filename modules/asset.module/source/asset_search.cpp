@@ -47,6 +47,13 @@ std::pair<std::size_t, bool> VersionsData::Find(const VersionKey& key) const {
   return {index, it != entries.end() && it->key == key};
 }
 
+std::optional<std::size_t> VersionsData::FindVersion(const Id& versionId) const {
+  if (versionId.IsEmpty()) return std::nullopt;
+  for (std::size_t i = entries.size(); i-- > 0;)
+    if (entries[i].versionId == versionId) return i;
+  return std::nullopt;
+}
+
 Result<void> BaseAssetRepositoryInterface::AssetLoadedImpl(const Asset&, bool) { return {}; }
 
 void MergeIntoLatestMap(std::unordered_map<Id, AssetDescription>& latestMap, const Id& aid,
@@ -146,12 +153,9 @@ Result<VersionsDataRef> BaseAssetRepositoryImpl::GetVersions(const IdDataRef& id
           working->entries[index].vdata = vdata;
         } else {
           working->entries.insert(working->entries.begin() + static_cast<std::ptrdiff_t>(index),
-                                  VersionEntry{key, description, vdata});
+                                  VersionEntry{key, description, vdata, Id()});
         }
-        if (description && !description->GetIdAndVersion().second.IsEmpty()) {
-          auto [it, inserted] = working->byVersion.emplace(description->GetIdAndVersion().second, key);
-          if (!inserted && it->second < key) it->second = key;
-        }
+        if (description) working->entries[index].versionId = description->GetIdAndVersion().second;
         return {};
       }));
   working->loaded = true;
@@ -219,12 +223,10 @@ Result<bool> BaseAssetRepositoryImpl::SelectVersions(const IdDataRef& idData, co
   const auto& entries = versions->entries;
   std::size_t first = 0, last = 0; // the selection [first, last)
   if (!version.IsEmpty()) {
-    auto it = versions->byVersion.find(version);
-    if (it == versions->byVersion.end()) return true;
-    auto [index, found] = versions->Find(it->second);
-    if (!found) return true;
-    first = index;
-    last = index + 1;
+    const std::optional<std::size_t> index = versions->FindVersion(version);
+    if (!index) return true;
+    first = *index;
+    last = *index + 1;
   } else {
     if (entries.empty()) return true;
     const bool withDeleted = findMode & WITH_DELETED;
@@ -261,11 +263,9 @@ Result<AssetDescription> BaseAssetRepositoryImpl::GetDescription(const AssetIden
   IdDataRef idData = FindIdData(aid.first);
   if (!idData) return notFound();
   KELVO_ASSIGN_OR_RETURN(VersionsDataRef versions, const_cast<BaseAssetRepositoryImpl*>(this)->GetVersions(idData));
-  auto it = versions->byVersion.find(aid.second);
-  if (it == versions->byVersion.end()) return notFound();
-  auto [index, found] = versions->Find(it->second);
-  if (!found || !versions->entries[index].description) return notFound();
-  return versions->entries[index].description;
+  const std::optional<std::size_t> index = versions->FindVersion(aid.second);
+  if (!index || !versions->entries[*index].description) return notFound();
+  return versions->entries[*index].description;
 }
 
 COMPARERESULT BaseAssetRepositoryImpl::CompareVersions(const std::shared_ptr<const AssetBase>& first,

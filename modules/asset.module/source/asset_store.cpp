@@ -189,15 +189,13 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
     if (replacedKey) {
       auto [index, found] = versions->Find(*replacedKey);
       if (found) versions->entries.erase(versions->entries.begin() + static_cast<std::ptrdiff_t>(index));
-      std::erase_if(versions->byVersion, [&](const auto& e) { return e.second == *replacedKey; });
     }
     auto [index, found] = versions->Find(key);
     if (found)
-      versions->entries[index] = VersionEntry{key, description, stored.vdata};
+      versions->entries[index] = VersionEntry{key, description, stored.vdata, stored.versionId};
     else
       versions->entries.insert(versions->entries.begin() + static_cast<std::ptrdiff_t>(index),
-                               VersionEntry{key, description, stored.vdata});
-    versions->byVersion[stored.versionId] = key;
+                               VersionEntry{key, description, stored.vdata, stored.versionId});
     idData->versions = std::move(versions);
   }
   storeGuard.unlock();
@@ -223,15 +221,12 @@ Result<void> BaseAssetRepositoryImpl::EraseAsset(const AssetDescription& asset) 
   {
     WriteLocker guard(idData->versionsLock);
     auto versions = std::make_shared<VersionsData>(*idData->versions);
-    auto it = versions->byVersion.find(idv.second);
-    if (it == versions->byVersion.end())
-      return IllegalStateError("No asset version @ to erase for asset id @.", idv.second, idv.first);
-    auto [index, found] = versions->Find(it->second);
-    if (!found) return UnexpectedError("Assertion failed: Condition e not fulfilled. ");
+    const std::optional<std::size_t> found = versions->FindVersion(idv.second);
+    if (!found) return IllegalStateError("No asset version @ to erase for asset id @.", idv.second, idv.first);
+    const std::size_t index = *found;
     AssetDescription description = versions->entries[index].description;
     const Data vdata = versions->entries[index].vdata;
     versions->entries.erase(versions->entries.begin() + static_cast<std::ptrdiff_t>(index));
-    versions->byVersion.erase(it);
     const bool empty = versions->entries.empty();
     idData->versions = std::move(versions);
     KELVO_RETURN_ON_ERROR(EraseImpl(description ? description : asset, vdata));

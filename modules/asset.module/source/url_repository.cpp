@@ -347,7 +347,7 @@ Result<void> UrlAssetRepositoryImpl::LoadVersionsImpl(const Id& aid, const Id& t
       KELVO_RETURN_ON_ERROR(AddSideTreeMetaData(assetDirectory, number, metaNames));
       const bool deleted = indexed.versionId == g_deletedVersionId;
       KELVO_RETURN_ON_ERROR(ReportVersion(aid, type, versionDir, number, indexed.versionId, deleted, content, metaNames,
-                                          indexed.part.get(), receiver));
+                                          &indexed.compacted, receiver));
     }
   }
   {
@@ -429,15 +429,19 @@ void UrlAssetRepositoryImpl::NoteSideDirectory(const Url& versionDir, std::uint3
 
 Result<void> UrlAssetRepositoryImpl::AddSideTreeMetaData(const std::string& assetDirectory, std::uint64_t number,
                                                          std::vector<MetaName>& metaNames) {
+  const bool user =
+      !_userUrl.IsEmpty() && !(_userUrl == _url) && MayHaveSideDirectory(_userNames, _userUrl, assetDirectory);
+  const bool derived =
+      !_derivedUrl.IsEmpty() && !(_derivedUrl == _url) && MayHaveSideDirectory(_derivedNames, _derivedUrl, assetDirectory);
+  if (!user && !derived) return {};
   const std::string relative = assetDirectory + "/" + std::to_string(number);
-  if (!_userUrl.IsEmpty() && !(_userUrl == _url) && MayHaveSideDirectory(_userNames, _userUrl, assetDirectory)) {
+  if (user) {
     KELVO_ASSIGN_OR_RETURN(VersionDirectoryContent found, FindContentUrl(_userUrl.Append(relative), AssetMetaData::USER));
     for (auto& meta : found.meta)
       if (!meta.name.isUrl)
         metaNames.push_back(MetaName{std::move(meta.name.metaId), meta.name.kind, false, std::move(meta.fileName)});
   }
-  if (!_derivedUrl.IsEmpty() && !(_derivedUrl == _url) &&
-      MayHaveSideDirectory(_derivedNames, _derivedUrl, assetDirectory)) {
+  if (derived) {
     KELVO_ASSIGN_OR_RETURN(VersionDirectoryContent found, FindContentUrl(_derivedUrl.Append(relative), 0));
     for (auto& meta : found.meta)
       if (!meta.name.isUrl)
@@ -449,7 +453,8 @@ Result<void> UrlAssetRepositoryImpl::AddSideTreeMetaData(const std::string& asse
 Result<void> UrlAssetRepositoryImpl::ReportVersion(const Id& aid, const Id& type, const Url& versionDir,
                                                    std::uint64_t number, const Id& versionId, bool deleted,
                                                    const Url& content, const std::vector<MetaName>& metaNames,
-                                                   const UrlIndexPart* part, const VersionReceiver& receiver) {
+                                                   const UrlCompactedValues* compacted,
+                                                   const VersionReceiver& receiver) {
   const IdAndVersion idv{aid, versionId};
   const Data vdata(versionDir);
   MetaEntryMap entries;
@@ -465,10 +470,12 @@ Result<void> UrlAssetRepositoryImpl::ReportVersion(const Id& aid, const Id& type
       value.SetData(g_resolveInfoKey, Data(ResolveInfo{versionDir.Append(meta.fileName), value.ToString(), nullptr}));
       entry.data = Data(std::move(value));
       entry.loaded = true;
-    } else if (part && !(kind & (AssetMetaData::DERIVED | AssetMetaData::USER))) {
-      if (const Data* value = part->Find(metaId, idv)) {
-        entry.data = *value;
+    } else if (compacted && !(kind & (AssetMetaData::DERIVED | AssetMetaData::USER))) {
+      for (const auto& [compactedId, value] : *compacted) {
+        if (compactedId != metaId) continue;
+        entry.data = value;
         entry.loaded = true;
+        break;
       }
     }
     entries[metaId] = std::move(entry);

@@ -7,6 +7,7 @@
 // the repository is opened by walking its tree instead.
 
 #include <algorithm>
+#include <charconv>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -30,7 +31,9 @@ std::atomic<double> g_compactionDelayOverride{-1.0};
 
 std::optional<std::uint64_t> ParseDecimal(std::string_view s) {
   if (s.empty() || s.size() > 19 || s.find_first_not_of("0123456789") != std::string_view::npos) return std::nullopt;
-  return std::stoull(std::string(s));
+  std::uint64_t value = 0;
+  std::from_chars(s.data(), s.data() + s.size(), value);
+  return value;
 }
 
 std::string Sha256Hex(std::string_view bytes) {
@@ -76,16 +79,48 @@ Result<std::string> ReadChecked(const Url& partDir, const std::string& name,
   return bytes;
 }
 
+// The records of one compacted document, read along the listing. The listing and the records are
+// both sorted by asset Id, so a cursor that moves forward finds each asset's run without a search;
+// a listing in another order still finds it by halving.
+class CompactedCursor {
+public:
+  CompactedCursor(InternedId metaId, std::vector<std::pair<IdAndVersion, Data>> records)
+      : _metaId(std::move(metaId)), _records(std::move(records)) {}
+
+  // Moves the value of (aid, versionId), if there is one, into values.
+  void Take(const Id& aid, const Id& versionId, UrlCompactedValues& values) {
+    const std::string_view a = aid.View();
+    auto aidOf = [this](std::size_t i) { return _records[i].first.first.View(); };
+    const std::size_t n = _records.size();
+    if (_cursor < n && aidOf(_cursor) < a) {
+      for (int step = 0; step < 8 && _cursor < n && aidOf(_cursor) < a; ++step) ++_cursor;
+      if (_cursor < n && aidOf(_cursor) < a) _cursor = LowerBound(_cursor, n, a);
+    } else if (_cursor > 0 && !(aidOf(_cursor - 1) < a)) {
+      _cursor = LowerBound(0, _cursor, a);
+    }
+    for (std::size_t i = _cursor; i < n && aidOf(i) == a; ++i) {
+      if (_records[i].first.second != versionId) continue;
+      values.emplace_back(_metaId, std::move(_records[i].second));
+      return;
+    }
+  }
+
+private:
+  std::size_t LowerBound(std::size_t from, std::size_t to, std::string_view aid) const {
+    auto it = std::lower_bound(_records.begin() + static_cast<std::ptrdiff_t>(from),
+                               _records.begin() + static_cast<std::ptrdiff_t>(to), aid,
+                               [](const auto& record, std::string_view a) { return record.first.first.View() < a; });
+    return static_cast<std::size_t>(it - _records.begin());
+  }
+
+  InternedId _metaId;
+  std::vector<std::pair<IdAndVersion, Data>> _records;
+  std::size_t _cursor = 0;
+};
+
 bool IsDirectoryName(std::string_view name) { return IsSafePathComponent(name) && name.front() != '.'; }
 
 } // namespace
-
-const Data* UrlIndexPart::Find(const InternedId& metaId, const IdAndVersion& key) const {
-  auto it = meta.find(metaId);
-  if (it == meta.end()) return nullptr;
-  auto pos = it->second.byKey.find(key);
-  return pos == it->second.byKey.end() ? nullptr : &it->second.records[pos->second].second;
-}
 
 Result<std::vector<std::pair<IdAndVersion, Data>>> DecodeCompactedMetaData(const Data& document) {
   const DataArray* array = document.GetPtr<DataArray>();
@@ -178,9 +213,7 @@ Result<bool> UrlAssetRepositoryImpl::LoadIndex(LoadedIndex& index) {
 Result<void> UrlAssetRepositoryImpl::LoadIndexPart(const Url& partDir, std::uint64_t lo, std::uint64_t hi,
                                                    LoadedIndex& index, std::uint64_t& highestVersion) {
   KELVO_ASSIGN_OR_RETURN(auto sums, ReadChecksums(partDir));
-  auto part = std::make_shared<UrlIndexPart>();
-  part->lo = lo;
-  part->hi = hi;
+  std::vector<CompactedCursor> compacted;
   KELVO_ASSIGN_OR_RETURN(std::vector<DirectoryEntry> entries, BrowseDirectory(partDir));
   for (const DirectoryEntry& e : entries) {
     if (e.name == "index") continue;
@@ -188,25 +221,21 @@ Result<void> UrlAssetRepositoryImpl::LoadIndexPart(const Url& partDir, std::uint
     KELVO_ASSIGN_OR_RETURN(std::string bytes, ReadChecked(partDir, e.name, sums));
     KELVO_ASSIGN_OR_RETURN(Data document, DecodeDocument(bytes, g_compactedMetaDataDocumentId));
     KELVO_ASSIGN_OR_RETURN(auto records, DecodeCompactedMetaData(document));
-    UrlIndexPart::Compacted& compacted = part->meta[InternedId(std::string_view(e.name))];
-    compacted.byKey.reserve(records.size());
-    for (std::size_t i = 0; i < records.size(); ++i) compacted.byKey.emplace(records[i].first, i);
-    compacted.records = std::move(records);
+    compacted.emplace_back(InternedId(std::string_view(e.name)), std::move(records));
   }
   for (const auto& [name, sum] : sums)
     if (name != "index" && partDir.Append(name).IoDetect() != IODETECT::FILE)
       return FileFormatError("File @ of index part @ is missing.", name, partDir);
   KELVO_ASSIGN_OR_RETURN(std::string listing, ReadChecked(partDir, "index", sums));
-  const std::shared_ptr<const UrlIndexPart> shared = part;
 
   LineReader reader(listing);
   TypeIdCache types;
-  std::string line;
+  // Buffers kept across lines, so that reading a line rarely allocates.
+  std::string line, directoryName, idLine, typeLine;
   bool have = reader.Next(line);
   while (have) {
     if (line.starts_with('\t')) return FileFormatError("Version without an asset in index @.", partDir);
-    const std::string directoryName = line;
-    std::string idLine, typeLine;
+    directoryName = line;
     if (!reader.Next(idLine) || !reader.Next(typeLine))
       return FileFormatError("Index @ ends inside the asset @.", partDir, directoryName);
     if (!IsDirectoryName(directoryName) || !IsValidIdText(idLine) || !IsValidIdText(typeLine))
@@ -230,17 +259,18 @@ Result<void> UrlAssetRepositoryImpl::LoadIndexPart(const Url& partDir, std::uint
       highestVersion = std::max(highestVersion, *number);
       if (!reader.Next(line) || !line.starts_with('\t') || line.starts_with("\t\t"))
         return FileFormatError("Version @ without an Id in index @.", *number, partDir);
-      const std::string versionId = line.substr(1);
+      const std::string_view versionId = std::string_view(line).substr(1);
       if (!IsValidIdText(versionId)) return FileFormatError("Illegal version Id in index @.", partDir);
-      UrlIndexedVersion version{Id(versionId), shared, {}};
+      UrlIndexedVersion version{Id(versionId), {}, {}};
       while ((have = reader.Next(line)) && line.starts_with("\t\t")) {
-        std::string name = line.substr(2);
+        const std::string_view name = std::string_view(line).substr(2);
         if (!name.empty() || !version.names.empty()) {
           if (!IsDirectoryName(name)) return FileFormatError("Illegal file name @ in index @.", name, partDir);
         }
-        version.names.push_back(std::move(name));
+        version.names.emplace_back(name);
       }
       if (version.names.empty()) return FileFormatError("Version @ without files in index @.", *number, partDir);
+      for (CompactedCursor& cursor : compacted) cursor.Take(aid, version.versionId, version.compacted);
       table.emplace(*number, std::move(version));
     }
   }

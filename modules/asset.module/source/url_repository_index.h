@@ -1,6 +1,6 @@
 #pragma once
-// The index of a URL repository in memory: loaded parts with their compacted metadata, and what
-// the opening of a repository reads from _index before it decides whether to walk the tree.
+// The index of a URL repository in memory: what the opening of a repository reads from _index
+// before it decides whether to walk the tree.
 
 #include <cstdint>
 #include <memory>
@@ -11,25 +11,6 @@
 #include "urlassetrepository.h"
 
 namespace kelvo {
-
-// _index/<lo>-<hi>: the versions lo..hi and, per metadata Id, the values of those versions
-// sorted by (asset Id, version Id), byte-wise.
-struct UrlIndexPart {
-  struct KeyHash {
-    std::size_t operator()(const IdAndVersion& v) const noexcept { return HashValue(v); }
-  };
-  struct Compacted {
-    std::vector<std::pair<IdAndVersion, Data>> records;
-    // Record index by key, so that opening many assets needs no binary search per version.
-    std::unordered_map<IdAndVersion, std::size_t, KeyHash> byKey;
-  };
-  std::uint64_t lo = 0;
-  std::uint64_t hi = 0;
-  std::unordered_map<InternedId, Compacted> meta;
-
-  // The compacted value of metaId for key; null when the part has none.
-  const Data* Find(const InternedId& metaId, const IdAndVersion& key) const;
-};
 
 struct UrlAssetRepositoryImpl::LoadedIndex {
   struct Asset {
