@@ -145,7 +145,7 @@ private:
   // Reads one part; any inconsistency is an error, and the caller then walks the tree instead.
   Result<void> LoadIndexPart(const Url& partDir, std::uint64_t lo, std::uint64_t hi, LoadedIndex& index,
                              std::uint64_t& highestVersion);
-  Result<void> ScanTree(const IdReceiver& receiver, const LoadedIndex& index);
+  Result<void> ScanTree(const IdReceiver& receiver, LoadedIndex& index);
   Result<void> ReportVersion(const Id& aid, const Id& type, const Url& versionDir, std::uint64_t number,
                              const Id& versionId, bool deleted, const Url& content,
                              const std::vector<MetaName>& metaNames, const UrlCompactedValues* compacted,

@@ -156,12 +156,22 @@ Result<std::string> ReadText(CborReader& r) {
   return std::string(bytes.begin(), bytes.end());
 }
 
+// An Id straight from the bytes when it is plain text, without a string in between.
+Result<Id> ReadId(CborReader& r) {
+  if (r.PeekMajor() == 3) {
+    KELVO_ASSIGN_OR_RETURN(std::string_view s, r.Text());
+    return Id(s);
+  }
+  KELVO_ASSIGN_OR_RETURN(std::string s, ReadText(r));
+  return Id(s);
+}
+
 Result<IdAndVersion> ReadIdAndVersion(CborReader& r) {
   KELVO_ASSIGN_OR_RETURN(std::uint64_t n, r.Container(4, "an asset and version Id pair"));
   if (n != 2) return FileFormatError("Expected an asset and version Id pair in a document.");
-  KELVO_ASSIGN_OR_RETURN(std::string first, ReadText(r));
-  KELVO_ASSIGN_OR_RETURN(std::string second, ReadText(r));
-  return IdAndVersion{Id(first), Id(second)};
+  KELVO_ASSIGN_OR_RETURN(Id first, ReadId(r));
+  KELVO_ASSIGN_OR_RETURN(Id second, ReadId(r));
+  return IdAndVersion{std::move(first), std::move(second)};
 }
 
 Result<ASSET_UPDATE_POLICY> ReadPolicy(CborReader& r) {

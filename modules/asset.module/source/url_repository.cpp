@@ -287,16 +287,16 @@ Result<void> UrlAssetRepositoryImpl::LoadExistingIdsImpl(const IdReceiver& recei
   KELVO_ASSIGN_OR_RETURN(bool fromIndex, LoadIndex(index));
   _openedFromIndex = fromIndex;
   if (fromIndex) {
-    for (const LoadedIndex::Asset& asset : index.assets) {
+    for (LoadedIndex::Asset& asset : index.assets) {
       KELVO_ASSIGN_OR_RETURN(Data * slot, receiver(asset.aid, asset.type));
-      *slot = Data(UrlAssetData{_url.Append(asset.directoryName), asset.versions});
+      *slot = Data(UrlAssetData{_url.Append(asset.directoryName), std::move(asset.versions)});
     }
     return {};
   }
   return ScanTree(receiver, index);
 }
 
-Result<void> UrlAssetRepositoryImpl::ScanTree(const IdReceiver& receiver, const LoadedIndex& index) {
+Result<void> UrlAssetRepositoryImpl::ScanTree(const IdReceiver& receiver, LoadedIndex& index) {
   KELVO_ASSIGN_OR_RETURN(std::vector<DirectoryEntry> entries, BrowseDirectory(_url));
   TypeIdCache types;
   for (const DirectoryEntry& entry : entries) {
@@ -316,8 +316,8 @@ Result<void> UrlAssetRepositoryImpl::ScanTree(const IdReceiver& receiver, const 
     const Id type = types.Get(typeLine);
     KELVO_ASSIGN_OR_RETURN(Data * slot, receiver(aid, type));
     std::shared_ptr<UrlVersionTable> versions;
-    if (auto it = index.byId.find(aid); it != index.byId.end() && index.assets[it->second].directoryName == entry.name)
-      versions = index.assets[it->second].versions;
+    if (const std::size_t at = index.Find(aid); at < index.assets.size() && index.assets[at].directoryName == entry.name)
+      versions = index.assets[at].versions;
     *slot = Data(UrlAssetData{dir, std::move(versions)});
   }
   return {};

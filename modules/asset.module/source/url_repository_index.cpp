@@ -142,6 +142,30 @@ Result<std::vector<std::pair<IdAndVersion, Data>>> DecodeCompactedMetaData(const
 
 void UrlAssetRepositoryImpl::SetCompactionDelayOverride(double seconds) { g_compactionDelayOverride = seconds; }
 
+std::size_t UrlAssetRepositoryImpl::LoadedIndex::Find(const Id& aid) {
+  BuildTable();
+  auto it = _byId.find(aid);
+  return it == _byId.end() ? assets.size() : it->second;
+}
+
+std::pair<std::size_t, bool> UrlAssetRepositoryImpl::LoadedIndex::Add(const Id& aid, const std::string& directoryName,
+                                                                     const Id& type) {
+  if (!_tableBuilt && !assets.empty() && !(assets.back().aid.View() < aid.View())) BuildTable();
+  if (_tableBuilt) {
+    auto [it, added] = _byId.emplace(aid, assets.size());
+    if (!added) return {it->second, false};
+  }
+  assets.push_back(Asset{directoryName, aid, type, std::make_shared<UrlVersionTable>()});
+  return {assets.size() - 1, true};
+}
+
+void UrlAssetRepositoryImpl::LoadedIndex::BuildTable() {
+  if (_tableBuilt) return;
+  _tableBuilt = true;
+  _byId.reserve(assets.size());
+  for (std::size_t i = 0; i < assets.size(); ++i) _byId.emplace(assets[i].aid, i);
+}
+
 // ---- reading -------------------------------------------------------------------------------------
 
 Result<bool> UrlAssetRepositoryImpl::LoadIndex(LoadedIndex& index) {
@@ -228,6 +252,14 @@ Result<void> UrlAssetRepositoryImpl::LoadIndexPart(const Url& partDir, std::uint
       return FileFormatError("File @ of index part @ is missing.", name, partDir);
   KELVO_ASSIGN_OR_RETURN(std::string listing, ReadChecked(partDir, "index", sums));
 
+  if (index.assets.empty()) {
+    // One line per asset begins without a tab.
+    std::size_t count = listing.empty() || listing.front() == '\t' ? 0 : 1;
+    for (std::size_t at = listing.find('\n'); at != std::string::npos && at + 1 < listing.size();
+         at = listing.find('\n', at + 1))
+      if (listing[at + 1] != '\t') ++count;
+    index.assets.reserve(count);
+  }
   LineReader reader(listing);
   TypeIdCache types;
   // Buffers kept across lines, so that reading a line rarely allocates.
@@ -241,14 +273,10 @@ Result<void> UrlAssetRepositoryImpl::LoadIndexPart(const Url& partDir, std::uint
     if (!IsDirectoryName(directoryName) || !IsValidIdText(idLine) || !IsValidIdText(typeLine))
       return FileFormatError("Illegal asset @ in index @.", directoryName, partDir);
     const Id aid(idLine);
-    auto [slot, added] = index.byId.emplace(aid, index.assets.size());
-    if (added) {
-      index.assets.push_back(LoadedIndex::Asset{directoryName, aid, types.Get(typeLine),
-                                                std::make_shared<UrlVersionTable>()});
-    } else if (index.assets[slot->second].directoryName != directoryName) {
+    auto [slot, added] = index.Add(aid, directoryName, types.Get(typeLine));
+    if (!added && index.assets[slot].directoryName != directoryName)
       return FileFormatError("Asset @ has two directories in index @.", aid, partDir);
-    }
-    UrlVersionTable& table = *index.assets[slot->second].versions;
+    UrlVersionTable& table = *index.assets[slot].versions;
     have = reader.Next(line);
     while (have && line.starts_with('\t')) {
       if (line.starts_with("\t\t")) return FileFormatError("File name without a version in index @.", partDir);

@@ -20,9 +20,20 @@ struct UrlAssetRepositoryImpl::LoadedIndex {
     std::shared_ptr<UrlVersionTable> versions;
   };
   std::vector<Asset> assets;
-  std::unordered_map<Id, std::size_t> byId; // index into assets
-  bool found = false;                       // at least one part was read
-  std::uint64_t newestHi = 0;               // hi of the first range read
+  bool found = false;         // at least one part was read
+  std::uint64_t newestHi = 0; // hi of the first range read
+
+  // The position of aid in assets, or assets.size() when it isn't there.
+  std::size_t Find(const Id& aid);
+  // Appends aid unless it is there already; the position of its entry and whether it was added.
+  std::pair<std::size_t, bool> Add(const Id& aid, const std::string& directoryName, const Id& type);
+
+private:
+  // A compacted index lists its assets sorted by Id: while they keep coming in order, appending
+  // needs no lookup table. The table is built when an asset comes out of order or is looked up.
+  void BuildTable();
+  std::unordered_map<Id, std::size_t> _byId; // index into assets, once built
+  bool _tableBuilt = false;
 };
 
 // The compacted records of one document (array of [IdAndVersion, value]), sorted.
