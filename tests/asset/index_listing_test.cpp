@@ -13,6 +13,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
+const InternedId kListingNote{"net.kelvo.test.listingnote"};
+
 class IndexListingTest : public UrlRepositoryTest {
 protected:
   // Asset Id -> version Id -> (time, note) as a repository reports them.
@@ -22,7 +24,7 @@ protected:
     Seen seen;
     auto r = repo->FindAssets(TypeArray{kTextType}, Id(), Id(), ALL | WITHOUT_BASES, [&](const AssetDescription& d) -> Result<bool> {
       std::string note;
-      if (auto v = d->GetMetaData()->Get(kNote); v.HasValue() && *v)
+      if (auto v = d->GetMetaData()->Get(kListingNote); v.HasValue() && *v)
         note = (*v)->Get<std::string>().value_or("");
       seen[d->GetIdAndVersion().first.ToString()][d->GetIdAndVersion().second.ToString()] = {d->GetKey().time, note};
       return true;
@@ -37,7 +39,7 @@ protected:
     for (const char* aid : {"delta", "alpha", "charlie", "bravo"}) {
       for (int v = 1; v <= 2; ++v) {
         auto d = Store(repo, aid, std::string(aid) + std::to_string(v));
-        EXPECT_TRUE(d && repo->StoreMetaData(d, kNote, Data(std::string(aid) + " note " + std::to_string(v)),
+        EXPECT_TRUE(d && repo->StoreMetaData(d, kListingNote, Data(std::string(aid) + " note " + std::to_string(v)),
                                               AssetMetaData::PERSISTENT).HasValue());
       }
     }
