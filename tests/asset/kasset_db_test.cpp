@@ -2,35 +2,18 @@
 // mounted databases are searched by the other commands, and the graph file is written.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+
+#include "kasset_runner.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-struct DbRun {
-  int code = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string Quote(const std::string& text) {
-  std::string q = "'";
-  for (char c : text) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
-}
-
-std::string ReadFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
+using kelvo::testing::KassetRun;
+using kelvo::testing::ReadFile;
 
 class KassetDbTest : public ::testing::Test {
 protected:
@@ -45,23 +28,11 @@ protected:
     fs::remove_all(root, ec);
   }
 
-  DbRun Kasset(const std::vector<std::string>& args) {
-    std::string command = "cd " + Quote(root.string()) + " && KELVO_PREFS_DIR=" + Quote((root / "prefs").string()) +
-                          " KELVO_GLOBALPREFS_DIR=" + Quote((root / "gprefs").string()) +
-                          " KELVO_LIBRARY_DIR=" + Quote((root / "library").string()) + " " + Quote(KASSET_BINARY);
-    for (const std::string& a : args) command += " " + Quote(a);
-    command += " >" + Quote((root / ".out").string()) + " 2>" + Quote((root / ".err").string());
-    DbRun run;
-    const int status = std::system(command.c_str());
-    run.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.out = ReadFile(root / ".out");
-    run.err = ReadFile(root / ".err");
-    return run;
-  }
+  KassetRun Kasset(const std::vector<std::string>& args) { return kelvo::testing::RunKasset(root, args); }
   // A database in dir holding notes.txt under the Id "notes".
   void MakeDatabase(const fs::path& dir) {
     ASSERT_EQ(Kasset({"init", dir.string()}).code, 0);
-    DbRun added = Kasset({"--repo", dir.string(), "add", "--id", "notes", (root / "notes.txt").string()});
+    KassetRun added = Kasset({"--repo", dir.string(), "add", "--id", "notes", (root / "notes.txt").string()});
     ASSERT_EQ(added.code, 0) << added.err;
   }
 
@@ -72,15 +43,15 @@ TEST_F(KassetDbTest, AddListDeactivateRemove) {
   MakeDatabase(root / "mydb");
   const std::string db = (root / "mydb").string();
 
-  DbRun added = Kasset({"db", "add", db});
+  KassetRun added = Kasset({"db", "add", db});
   ASSERT_EQ(added.code, 0) << added.err;
   EXPECT_NE(added.out.find("added: " + db), std::string::npos);
   EXPECT_NE(added.out.find("mounted as "), std::string::npos);
   // A later run finds the list in the settings and searches the database.
-  DbRun ls = Kasset({"ls", "--ids"});
+  KassetRun ls = Kasset({"ls", "--ids"});
   ASSERT_EQ(ls.code, 0) << ls.err;
   EXPECT_NE(ls.out.find("notes"), std::string::npos);
-  DbRun list = Kasset({"db", "list"});
+  KassetRun list = Kasset({"db", "list"});
   ASSERT_EQ(list.code, 0) << list.err;
   EXPECT_NE(list.out.find("user    mounted"), std::string::npos) << list.out;
   EXPECT_NE(list.out.find(db), std::string::npos);
@@ -105,16 +76,16 @@ TEST_F(KassetDbTest, BadInputAndRemoteDatabases) {
   EXPECT_EQ(Kasset({"db", "list", "extra"}).code, 2);
 
   // A remote database is kept in the list and reported as not mountable yet.
-  DbRun remote = Kasset({"db", "add", "https://assets.example.invalid/lib"});
+  KassetRun remote = Kasset({"db", "add", "https://assets.example.invalid/lib"});
   ASSERT_EQ(remote.code, 0) << remote.err;
   EXPECT_NE(remote.err.find("can't be mounted yet"), std::string::npos) << remote.err;
-  DbRun list = Kasset({"db", "list"});
+  KassetRun list = Kasset({"db", "list"});
   EXPECT_NE(list.out.find("not mounted"), std::string::npos) << list.out;
   EXPECT_NE(list.out.find("https://assets.example.invalid/lib"), std::string::npos);
 
   // A damaged archive in the library is listed with its error; the command still succeeds.
   std::ofstream(root / "library" / "assets" / "broken.zip") << "not an archive";
-  DbRun withBroken = Kasset({"db", "list"});
+  KassetRun withBroken = Kasset({"db", "list"});
   ASSERT_EQ(withBroken.code, 0);
   EXPECT_NE(withBroken.out.find("archive  not mounted"), std::string::npos) << withBroken.out;
   EXPECT_NE(withBroken.err.find("broken.zip"), std::string::npos);
@@ -122,7 +93,7 @@ TEST_F(KassetDbTest, BadInputAndRemoteDatabases) {
 
 TEST_F(KassetDbTest, GraphIsWrittenWithoutTheVariable) {
   MakeDatabase(root / "library" / "assets" / "basics");
-  DbRun graph = Kasset({"graph"});
+  KassetRun graph = Kasset({"graph"});
   ASSERT_EQ(graph.code, 0) << graph.err;
   const fs::path file = root / "prefs" / "assetrepository_deps.gml";
   EXPECT_NE(graph.out.find(file.string()), std::string::npos);

@@ -1,34 +1,19 @@
 // kasset driven as a subprocess on temporary directories, as a person or a script would use it.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
+#include "kasset_runner.h"
+
 namespace {
 
 namespace fs = std::filesystem;
-
-struct KassetRun {
-  int code = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string Quote(const std::string& text) {
-  std::string q = "'";
-  for (char c : text) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
-}
-
-std::string ReadFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
+using kelvo::testing::KassetRun;
+using kelvo::testing::ReadFile;
 
 std::vector<std::string> Lines(const std::string& text) {
   std::vector<std::string> lines;
@@ -55,22 +40,7 @@ protected:
     std::ofstream(root / relative, std::ios::binary) << content;
   }
 
-  // Runs kasset in root with its directories under root.
-  KassetRun Kasset(const std::vector<std::string>& args) {
-    std::string command = "cd " + Quote(root.string()) + " && KELVO_PREFS_DIR=" + Quote((root / "prefs").string()) +
-                          " KELVO_GLOBALPREFS_DIR=" + Quote((root / "gprefs").string()) +
-                          " KELVO_LIBRARY_DIR=" + Quote((root / "library").string()) + " " + Quote(KASSET_BINARY);
-    for (const std::string& a : args) command += " " + Quote(a);
-    command += " >" + Quote((root / ".out").string()) + " 2>" + Quote((root / ".err").string());
-    KassetRun run;
-    const int status = std::system(command.c_str());
-    run.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.out = ReadFile(root / ".out");
-    run.err = ReadFile(root / ".err");
-    fs::remove(root / ".out");
-    fs::remove(root / ".err");
-    return run;
-  }
+  KassetRun Kasset(const std::vector<std::string>& args) { return kelvo::testing::RunKasset(root, args); }
 
   // Every path under root with its size and content, to tell whether a command changed anything.
   std::string Listing() {
