@@ -16,54 +16,18 @@
 #include <thread>
 
 #include "asset_databases.h"
-#include "assets.h"
-#include "kelvo/application.h"
+#include "asset_library_fixture.h"
 #include "kelvo/job_queue.h"
 #include "kelvo/log.h"
 #include "kelvo/settings.h"
-#include "kelvo/zip_io.h"
-#include "test_assets.h"
-#include "urlassetrepository.h"
 
 namespace kelvo::testing {
 namespace {
 
 namespace fs = std::filesystem;
 
-class AssetDatabasesTest : public ::testing::Test {
+class AssetDatabasesTest : public AssetLibraryTest {
 protected:
-  void SetUp() override {
-    RegisterTextAssetType();
-    static int counter = 0;
-    _root = fs::temp_directory_path() / ("kelvo_db_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
-    fs::remove_all(_root);
-    fs::create_directories(Assets());
-    Application::SetUrl(APPLICATION_URLTYPE::PREFS_DIR, Url::FromFile((_root / "prefs").string()));
-    Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, Url::FromFile((_root / "gprefs").string()));
-    Application::SetUrl(APPLICATION_URLTYPE::LIBRARY_DIR, Url::FromFile((_root / "library").string()));
-  }
-  void TearDown() override {
-    EndAssetModule();
-    for (auto kind : {APPLICATION_URLTYPE::PREFS_DIR, APPLICATION_URLTYPE::GLOBALPREFS_DIR, APPLICATION_URLTYPE::LIBRARY_DIR})
-      Application::SetUrl(kind, Url());
-    FlushZipArchiveCache();
-    std::error_code ec;
-    fs::remove_all(_root, ec);
-  }
-
-  fs::path Assets() const { return _root / "library" / "assets"; }
-  static Url FileUrl(const fs::path& p) { return Url::FromFile(p.string()); }
-
-  // A database folder with id rid holding one text asset per entry of assets.
-  static void MakeDatabase(const fs::path& dir, const std::string& rid, const std::map<std::string, std::string>& assets) {
-    fs::create_directories(dir);
-    auto repo = CreateUrlAssetRepository(Id(rid), {}, FileUrl(dir), true, false, false);
-    ASSERT_TRUE(repo.HasValue()) << repo.GetError().ToString();
-    for (const auto& [aid, text] : assets) {
-      auto stored = (*repo)->StoreAsset(Id(aid), MakeText(text), nullptr);
-      ASSERT_TRUE(stored.HasValue()) << stored.GetError().ToString();
-    }
-  }
   // Packs the tree of dir into archive (the repository root is the archive's root).
   static void Zip(const fs::path& dir, const fs::path& archive) {
     const std::string cmd = "cd '" + dir.string() + "' && zip -q -r '" + archive.string() + "' .";
@@ -133,8 +97,6 @@ protected:
   static bool AnyContains(const std::vector<std::string>& texts, const std::string& part) {
     return std::any_of(texts.begin(), texts.end(), [&](const std::string& t) { return t.find(part) != std::string::npos; });
   }
-
-  fs::path _root;
 };
 
 TEST_F(AssetDatabasesTest, FolderZipLinkAndUserListAreChainedInOrder) {

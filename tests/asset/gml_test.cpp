@@ -11,42 +11,15 @@
 
 #include "asset_databases.h"
 #include "asset_databases_gml.h"
-#include "assets.h"
-#include "kelvo/application.h"
-#include "test_assets.h"
-#include "urlassetrepository.h"
+#include "asset_library_fixture.h"
 
 namespace kelvo::testing {
 namespace {
 
 namespace fs = std::filesystem;
 
-class GmlDependenciesTest : public ::testing::Test {
+class GmlDependenciesTest : public AssetLibraryTest {
 protected:
-  void SetUp() override {
-    RegisterTextAssetType();
-    static int counter = 0;
-    _root = fs::temp_directory_path() / ("kelvo_gml_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
-    fs::remove_all(_root);
-    fs::create_directories(_root / "library" / "assets");
-    Application::SetUrl(APPLICATION_URLTYPE::PREFS_DIR, Url::FromFile((_root / "prefs").string()));
-    Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, Url::FromFile((_root / "gprefs").string()));
-    Application::SetUrl(APPLICATION_URLTYPE::LIBRARY_DIR, Url::FromFile((_root / "library").string()));
-  }
-  void TearDown() override {
-    EndAssetModule();
-    for (auto kind : {APPLICATION_URLTYPE::PREFS_DIR, APPLICATION_URLTYPE::GLOBALPREFS_DIR, APPLICATION_URLTYPE::LIBRARY_DIR})
-      Application::SetUrl(kind, Url());
-    std::error_code ec;
-    fs::remove_all(_root, ec);
-  }
-
-  void MakeDatabase(const fs::path& dir, const std::string& rid) {
-    fs::create_directories(dir);
-    auto repo = CreateUrlAssetRepository(Id(rid), {}, Url::FromFile(dir.string()), true, false, false);
-    ASSERT_TRUE(repo.HasValue()) << repo.GetError().ToString();
-    ASSERT_TRUE((*repo)->StoreAsset(Id("a"), MakeText(rid), nullptr).HasValue());
-  }
   fs::path GmlFile() const { return _root / "prefs" / "assetrepository_deps.gml"; }
   std::string ReadGml() const {
     std::ifstream in(GmlFile(), std::ios::binary);
@@ -57,8 +30,6 @@ protected:
     for (auto pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1)) ++n;
     return n;
   }
-
-  fs::path _root;
 };
 
 TEST_F(GmlDependenciesTest, NodeTextAndColours) {
@@ -83,8 +54,8 @@ TEST_F(GmlDependenciesTest, NodeTextAndColours) {
 }
 
 TEST_F(GmlDependenciesTest, WrittenAfterEachPassOnlyWhenSwitchedOn) {
-  MakeDatabase(_root / "library" / "assets" / "basics", "db.same");
-  MakeDatabase(_root / "other", "db.same");
+  MakeDatabase(Assets() / "basics", "db.same", {{"a", "basics"}});
+  MakeDatabase(_root / "other", "db.same", {{"a", "other"}});
   {
     ScopedConfig off(g_generateAssetRepositoryGml, false);
     ASSERT_TRUE(StartAssetModule().HasValue());
