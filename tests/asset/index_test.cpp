@@ -16,9 +16,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const InternedId kNote{"net.kelvo.test.note"};
-const InternedId kPreview{"net.kelvo.test.preview"};
-
 class IndexTest : public UrlRepositoryTest {
 protected:
   void TearDown() override {

@@ -16,6 +16,10 @@
 
 namespace kelvo::testing {
 
+// Metadata that the URL repository tests store: a value, and a URL whose file is copied in.
+inline const InternedId kNote{"net.kelvo.test.note"};
+inline const InternedId kPreview{"net.kelvo.test.preview"};
+
 class UrlRepositoryTest : public ::testing::Test {
 protected:
   void SetUp() override {

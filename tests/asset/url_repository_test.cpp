@@ -19,11 +19,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const InternedId kNote{"net.kelvo.test.note"};
 const InternedId kVersionNote{"net.kelvo.test.versionnote"};
 const InternedId kDerived{"net.kelvo.test.derived"};
 const InternedId kUserNote{"net.kelvo.test.usernote"};
-const InternedId kPreview{"net.kelvo.test.preview"};
 
 // Captures warnings while alive.
 struct WarningCapture {
