@@ -572,6 +572,15 @@ const std::vector<OptionSpec>& GetGlobalOptions() {
 }
 
 const std::vector<CommandSpec>& GetCommands() {
+  // ls and find select assets alike.
+  static const std::vector<OptionSpec> findOptions{
+      {"type", "TYPE", "only assets of this type: file, database or a full type Id (repeatable)", true},
+      {"id", "ID", "only the asset with this Id"},
+      {"prefix", "TEXT", "only assets whose Id begins with TEXT"},
+      {"all-versions", "", "every stored version instead of the latest one"},
+      {"deleted", "", "include deleted assets and deletion marks"},
+      {"all", "", "include the repository's own information assets"},
+      {"ids", "", "print only the asset Ids, one per line"}};
   static const std::vector<CommandSpec> commands{
       {"init", "[DIR]", 0, 1, "Create an asset repository in DIR (default: --repo, else the current directory).",
        "DIR is created when missing. Running init on an existing repository changes nothing.", {}},
@@ -582,24 +591,11 @@ const std::vector<CommandSpec>& GetCommands() {
        {{"name", "NAME", "the asset's name (default: the file's name)"},
         {"keywords", "A,B", "keywords stored with the asset, separated by commas"},
         {"id", "ID", "store under this asset Id (one FILE only); an existing asset gets a new version"}}},
-      {"ls", "", 0, 0, "List the latest version of every asset (same options as find).", "",
-       {{"type", "TYPE", "only assets of this type: file, database or a full type Id (repeatable)", true},
-        {"id", "ID", "only the asset with this Id"},
-        {"prefix", "TEXT", "only assets whose Id begins with TEXT"},
-        {"all-versions", "", "every stored version instead of the latest one"},
-        {"deleted", "", "include deleted assets and deletion marks"},
-        {"all", "", "include the repository's own information assets"},
-        {"ids", "", "print only the asset Ids, one per line"}}},
+      {"ls", "", 0, 0, "List the latest version of every asset (same options as find).", "", findOptions},
       {"find", "", 0, 0, "Find assets by type, Id or Id prefix.",
        "Prints ID, VERSION (the first 12 characters of the version Id), DATE and NAME. Exits with 3\n"
        "when --id or --prefix matches nothing.",
-       {{"type", "TYPE", "only assets of this type: file, database or a full type Id (repeatable)", true},
-        {"id", "ID", "only the asset with this Id"},
-        {"prefix", "TEXT", "only assets whose Id begins with TEXT"},
-        {"all-versions", "", "every stored version instead of the latest one"},
-        {"deleted", "", "include deleted assets and deletion marks"},
-        {"all", "", "include the repository's own information assets"},
-        {"ids", "", "print only the asset Ids, one per line"}}},
+       findOptions},
       {"show", "ID", 1, 1, "Show an asset: its versions and the metadata of its latest version.",
        "A VERSION may be abbreviated to its first characters (at least 4) when that is unambiguous.",
        {{"version", "VERSION", "show the metadata of this version"}}},
