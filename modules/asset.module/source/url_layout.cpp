@@ -148,6 +148,24 @@ Result<std::vector<DirectoryEntry>> BrowseDirectory(const Url& dir) {
   return entries;
 }
 
+namespace {
+
+// Files the name of one entry of the version directory dir into result: the incomplete marker,
+// a metadata file or the content; hidden names and anything else are skipped.
+void AddVersionDirectoryEntry(VersionDirectoryContent& result, const Url& dir, std::string name,
+                              std::uint32_t baseKind) {
+  if (name == kIncompleteMarker) result.incomplete = true;
+  if (name.empty() || name.front() == '.') return;
+  if (auto meta = ClassifyMetaFileName(name, baseKind)) {
+    result.meta.push_back({std::move(*meta), std::move(name)});
+  } else if (name == "asset" || name.starts_with("asset.")) {
+    result.content = dir.Append(name);
+    result.contentName = std::move(name);
+  }
+}
+
+} // namespace
+
 Result<VersionDirectoryContent> FindContentUrl(const Url& dir, std::uint32_t baseKind) {
   VersionDirectoryContent result;
   if (dir.GetScheme() == "file") {
@@ -162,31 +180,13 @@ Result<VersionDirectoryContent> FindContentUrl(const Url& dir, std::uint32_t bas
     }
     for (; it != end; it.increment(ec)) {
       if (ec) return IoError("Can't list @: @", dir, ec.message());
-      std::string name = it->path().filename().string();
-      if (name == kIncompleteMarker) result.incomplete = true;
-      if (name.empty() || name.front() == '.') continue;
-      if (auto meta = ClassifyMetaFileName(name, baseKind)) {
-        result.meta.push_back({std::move(*meta), std::move(name)});
-      } else if (name == "asset" || name.starts_with("asset.")) {
-        result.content = dir.Append(name);
-        result.contentName = std::move(name);
-      }
+      AddVersionDirectoryEntry(result, dir, it->path().filename().string(), baseKind);
     }
     return result;
   }
   if (dir.IoDetect() != IODETECT::DIRECTORY) return result;
   KELVO_ASSIGN_OR_RETURN(std::vector<Url> children, dir.IoBrowse());
-  for (const Url& child : children) {
-    std::string name = child.GetName();
-    if (name == kIncompleteMarker) result.incomplete = true;
-    if (name.empty() || name.front() == '.') continue;
-    if (auto meta = ClassifyMetaFileName(name, baseKind)) {
-      result.meta.push_back({std::move(*meta), std::move(name)});
-    } else if (name == "asset" || name.starts_with("asset.")) {
-      result.content = dir.Append(name);
-      result.contentName = std::move(name);
-    }
-  }
+  for (const Url& child : children) AddVersionDirectoryEntry(result, dir, child.GetName(), baseKind);
   return result;
 }
 
