@@ -47,6 +47,14 @@ ModuleState& State() {
   return *state;
 }
 
+// A copy of one field of the module state, taken under the module lock.
+template <class T>
+T ReadState(T ModuleState::*field) {
+  ModuleState& state = State();
+  std::lock_guard guard(state.lock);
+  return state.*field;
+}
+
 // Seconds of a monotonic clock, the source of the UUID salt.
 double CustomTimer() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
@@ -147,35 +155,15 @@ void EndAssetModule() {
   UnregisterAssetIoHandlers();
 }
 
-bool IsAssetModuleStarted() {
-  ModuleState& state = State();
-  std::lock_guard guard(state.lock);
-  return state.started;
-}
+bool IsAssetModuleStarted() { return ReadState(&ModuleState::started); }
 
-std::string GetDerivedStamp() {
-  ModuleState& state = State();
-  std::lock_guard guard(state.lock);
-  return state.derivedStamp;
-}
+std::string GetDerivedStamp() { return ReadState(&ModuleState::derivedStamp); }
 
-AssetRepositoryRef AssetInterface::GetBuiltinRepository() {
-  ModuleState& state = State();
-  std::lock_guard guard(state.lock);
-  return state.builtin;
-}
+AssetRepositoryRef AssetInterface::GetBuiltinRepository() { return ReadState(&ModuleState::builtin); }
 
-AssetRepositoryRef AssetInterface::GetApplicationRepository() {
-  ModuleState& state = State();
-  std::lock_guard guard(state.lock);
-  return state.application;
-}
+AssetRepositoryRef AssetInterface::GetApplicationRepository() { return ReadState(&ModuleState::application); }
 
-AssetRepositoryRef AssetInterface::GetUserPrefsRepository() {
-  ModuleState& state = State();
-  std::lock_guard guard(state.lock);
-  return state.user;
-}
+AssetRepositoryRef AssetInterface::GetUserPrefsRepository() { return ReadState(&ModuleState::user); }
 
 Result<AssetRepositoryRef> AssetInterface::CreateRepositoryFromUrl(const Id& rid, const Id& repoType,
                                                                    const std::vector<AssetRepositoryRef>& bases,
