@@ -3,8 +3,6 @@
 
 #include <algorithm>
 
-#include "kelvo/hash.h"
-#include "url_layout.h"
 #include "url_repository_fixture.h"
 
 using namespace kelvo;
@@ -59,12 +57,6 @@ protected:
     for (const fs::path& f : files) fs::remove(f);
   }
 
-  fs::path PartDir() const {
-    for (const auto& e : fs::directory_iterator(Root() / "_index"))
-      if (e.is_directory() && e.path().filename().string().find('.') == std::string::npos) return e.path();
-    return {};
-  }
-
   // The listing's entries: directory, asset Id and type lines, then the lines with a leading tab.
   static std::vector<std::string> Entries(const std::string& listing) {
     std::vector<std::string> entries;
@@ -82,18 +74,6 @@ protected:
     return entries;
   }
 
-  // Replaces the listing and its checksum line, so the part stays intact.
-  void WriteListing(const fs::path& part, const std::string& listing) {
-    WriteFile(part / "index", listing);
-    Sha256 h;
-    h.Update(listing.data(), listing.size());
-    const auto d = h.Finish();
-    std::string sums = ReadFile(part / ".checksum");
-    const auto line = sums.find("  index\n");
-    ASSERT_NE(line, std::string::npos);
-    sums.replace(line - HASH_LEN, HASH_LEN, ToHex(d.data(), d.size()));
-    WriteFile(part / ".checksum", sums);
-  }
 };
 
 TEST_F(IndexListingTest, ListingInAnyOrderGivesTheSameAssetsTimesAndValues) {

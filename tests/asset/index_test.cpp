@@ -40,12 +40,6 @@ protected:
     return Contents(repo);
   }
 
-  fs::path PartDir() const {
-    for (const auto& e : fs::directory_iterator(Root() / "_index"))
-      if (e.is_directory() && e.path().filename().string().find('.') == std::string::npos) return e.path();
-    return {};
-  }
-
   static bool WaitFor(const std::function<bool()>& condition, double seconds) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     while (!condition()) {
@@ -158,14 +152,7 @@ TEST_F(IndexTest, IndexNamesLeavingTheRootAreRefused) {
   for (const std::string name : {"../outside", "/tmp", "..", "a/b"}) {
     SCOPED_TRACE(name);
     const std::string listing = name + "\nstolen\nnet.kelvo.assettype.test.text\n\t1\n\tdeadbeef\n\t\tasset.txt\n";
-    WriteFile(part / "index", listing);
-    Sha256 h;
-    h.Update(listing.data(), listing.size());
-    const auto d = h.Finish();
-    std::string sums = ReadFile(part / ".checksum");
-    const auto line = sums.find("  index\n");
-    sums.replace(line - HASH_LEN, HASH_LEN, ToHex(d.data(), d.size()));
-    WriteFile(part / ".checksum", sums);
+    WriteListing(part, listing);
     auto repo = Open();
     EXPECT_FALSE(repo->WasOpenedFromIndex());
     const auto contents = Contents(repo);

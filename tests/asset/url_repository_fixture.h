@@ -11,7 +11,9 @@
 #include <string>
 
 #include "kelvo/application.h"
+#include "kelvo/hash.h"
 #include "test_assets.h"
+#include "url_layout.h"
 #include "urlassetrepository.h"
 
 namespace kelvo::testing {
@@ -84,6 +86,26 @@ protected:
   static void WriteFile(const std::filesystem::path& p, const std::string& content) {
     std::filesystem::create_directories(p.parent_path());
     std::ofstream(p, std::ios::binary) << content;
+  }
+
+  // The directory of the (first) index part of the root.
+  std::filesystem::path PartDir() const {
+    for (const auto& e : std::filesystem::directory_iterator(Root() / "_index"))
+      if (e.is_directory() && e.path().filename().string().find('.') == std::string::npos) return e.path();
+    return {};
+  }
+
+  // Replaces the listing of an index part and its checksum line, so the part stays intact.
+  static void WriteListing(const std::filesystem::path& part, const std::string& listing) {
+    WriteFile(part / "index", listing);
+    Sha256 h;
+    h.Update(listing.data(), listing.size());
+    const auto d = h.Finish();
+    std::string sums = ReadFile(part / ".checksum");
+    const auto line = sums.find("  index\n");
+    ASSERT_NE(line, std::string::npos);
+    sums.replace(line - HASH_LEN, HASH_LEN, ToHex(d.data(), d.size()));
+    WriteFile(part / ".checksum", sums);
   }
 
   std::filesystem::path _base;
