@@ -228,3 +228,48 @@ TEST(DataDocumentTest, DeepNestingIsRefusedBothWays) {
 }
 
 } // namespace
+
+namespace {
+
+TEST(DataDocumentTest, PairDocumentsReadTheSameInBothModes) {
+  // Ids in plain text and Ids that the writer must encode (bytes that are no UTF-8).
+  const std::vector<std::pair<IdAndVersion, Data>> pairs{
+      {{Id("alpha"), Id("v1")}, Data(UniversalDateTime::FromValue(7))},
+      {{Id("alpha"), Id("v2")}, Data(std::string("note"))},
+      {{Id(std::string("b\xff\xfe", 3)), Id(std::string("\x80version", 8))}, Data(std::int64_t(-3))},
+  };
+  DataArray array;
+  for (const auto& [key, value] : pairs) array.push_back(Data(DataArray{Data(key), value}));
+  for (DOCUMENTMODE mode : {DOCUMENTMODE::TEXT, DOCUMENTMODE::BINARY}) {
+    SCOPED_TRACE(static_cast<int>(mode));
+    auto bytes = EncodeDocument(kDoc, Data(array), mode);
+    ASSERT_TRUE(bytes.HasValue());
+    std::vector<std::pair<IdAndVersion, Data>> read;
+    auto r = DecodePairDocument(*bytes, kDoc, [&](std::string_view aid, std::string_view version, Data value) -> Result<void> {
+      read.emplace_back(IdAndVersion{Id(aid), Id(version)}, std::move(value));
+      return {};
+    });
+    ASSERT_TRUE(r.HasValue()) << r.GetError().ToString();
+    EXPECT_EQ(read, pairs);
+    // Every cut of the document is an error (a text document may lose its last line break).
+    const std::size_t end = mode == DOCUMENTMODE::TEXT ? bytes->find_last_not_of('\n') + 1 : bytes->size();
+    for (std::size_t n = 0; n < end; ++n) {
+      auto cut = DecodePairDocument(std::string_view(*bytes).substr(0, n), kDoc,
+                                    [](std::string_view, std::string_view, Data) -> Result<void> { return {}; });
+      ASSERT_TRUE(cut.HasError()) << n;
+      EXPECT_TRUE(cut.GetError().Is(errors::fileformat));
+    }
+  }
+  // Values of another shape.
+  for (const Data& other : {Data(1), Data(DataArray{Data(1)}), Data(DataArray{Data(DataArray{Data(1), Data(2)})})}) {
+    for (DOCUMENTMODE mode : {DOCUMENTMODE::TEXT, DOCUMENTMODE::BINARY}) {
+      auto bytes = EncodeDocument(kDoc, other, mode);
+      ASSERT_TRUE(bytes.HasValue());
+      auto r = DecodePairDocument(*bytes, kDoc, [](std::string_view, std::string_view, Data) -> Result<void> { return {}; });
+      ASSERT_TRUE(r.HasError());
+      EXPECT_TRUE(r.GetError().Is(errors::fileformat));
+    }
+  }
+}
+
+} // namespace

@@ -455,13 +455,36 @@ Result<std::string> EncodeDocument(const Id& documentId, const Data& value, DOCU
   }
 }
 
+namespace {
+
+// Documents in text form begin with "{" after blanks; anything else is read as binary.
+bool IsTextDocument(std::string_view bytes) {
+  std::size_t first = 0;
+  while (first < bytes.size() && (bytes[first] == ' ' || bytes[first] == '\t' || bytes[first] == '\n' || bytes[first] == '\r'))
+    ++first;
+  return first < bytes.size() && bytes[first] == '{';
+}
+
+} // namespace
+
+Result<void> DecodePairDocument(std::string_view bytes, const Id& documentId, const PairReceiver& receiver) {
+  if (!IsTextDocument(bytes)) return documentdetail::DecodeBinaryPairDocument(bytes, documentId, receiver);
+  KELVO_ASSIGN_OR_RETURN(Data document, DecodeDocument(bytes, documentId));
+  const DataArray* array = document.GetPtr<DataArray>();
+  if (!array) return FileFormatError("Document @ holds no array.", documentId);
+  for (const Data& item : *array) {
+    const DataArray* pair = item.GetPtr<DataArray>();
+    const IdAndVersion* key = pair && pair->size() == 2 ? (*pair)[0].GetPtr<IdAndVersion>() : nullptr;
+    if (!key) return FileFormatError("Expected a pair in document @.", documentId);
+    KELVO_RETURN_ON_ERROR(receiver(key->first.View(), key->second.View(), (*pair)[1]));
+  }
+  return {};
+}
+
 Result<Data> DecodeDocument(std::string_view bytes, const Id& documentId) {
   Json doc;
   try {
-    std::size_t first = 0;
-    while (first < bytes.size() && (bytes[first] == ' ' || bytes[first] == '\t' || bytes[first] == '\n' || bytes[first] == '\r'))
-      ++first;
-    if (first >= bytes.size() || bytes[first] != '{') return documentdetail::DecodeBinaryDocument(bytes, documentId);
+    if (!IsTextDocument(bytes)) return documentdetail::DecodeBinaryDocument(bytes, documentId);
     DepthLimitedSax sax(doc);
     const bool ok = Json::sax_parse(bytes.begin(), bytes.end(), &sax, nlohmann::json::input_format_t::json);
     if (!ok || doc.is_discarded()) return FileFormatError("Document @ can't be parsed.", documentId);

@@ -32,6 +32,13 @@ Result<std::string> EncodeDocument(const Id& documentId, const Data& value, DOCU
 // document of documentId is a file format error.
 Result<Data> DecodeDocument(std::string_view bytes, const Id& documentId);
 
+// A document whose value is an array of [IdAndVersion, value] pairs, read pair by pair: the Ids
+// come as views valid during the call only. A binary document is read without building the
+// array, which matters for the large documents of an index. Fails like DecodeDocument, and for a
+// value of another shape.
+using PairReceiver = std::function<Result<void>(std::string_view aid, std::string_view version, Data value)>;
+Result<void> DecodePairDocument(std::string_view bytes, const Id& documentId, const PairReceiver& receiver);
+
 // Reads and writes a document file. The write goes to a hidden temporary name in the same
 // directory first and is renamed into place, so a reader sees the old or the new document.
 Result<Data> ReadDocument(const Url& url, const Id& documentId);

@@ -4,6 +4,7 @@
 // tagged value form described in data_document.cpp.
 
 #include <cmath>
+#include <functional>
 #include <cstring>
 
 #include "asset_identity.h"
@@ -325,12 +326,14 @@ Result<Data> ReadValue(CborReader& r, std::size_t depth) {
 
 } // namespace
 
-Result<Data> DecodeBinaryDocument(std::string_view bytes, const Id& documentId) {
-  CborReader r(bytes);
+namespace {
+
+// Reads the members of a binary document; readValue reads the value in place.
+Result<void> ReadBinaryDocument(CborReader& r, const Id& documentId, const std::function<Result<void>()>& readValue) {
   KELVO_ASSIGN_OR_RETURN(std::uint64_t n, r.Container(5, "a document"));
   std::optional<std::string> id;
   std::optional<std::int32_t> format;
-  std::optional<Data> value;
+  bool haveValue = false;
   for (std::uint64_t i = 0; i < n; ++i) {
     KELVO_ASSIGN_OR_RETURN(std::string_view key, r.Text());
     if (key == "document") {
@@ -340,15 +343,66 @@ Result<Data> DecodeBinaryDocument(std::string_view bytes, const Id& documentId) 
       if (*format != kFormat) return FileFormatError("Document @ has the unknown format @.", documentId, *format);
     } else if (key == "value") {
       if (!id || *id != documentId.View()) return FileFormatError("Not a document of @.", documentId);
-      KELVO_ASSIGN_OR_RETURN(value, ReadValue(r, 0));
+      KELVO_RETURN_ON_ERROR(readValue());
+      haveValue = true;
     } else {
       return FileFormatError("Unknown member in document @.", documentId);
     }
   }
   if (!r.AtEnd()) return FileFormatError("Document @ has trailing bytes.", documentId);
   if (!id || *id != documentId.View()) return FileFormatError("Not a document of @.", documentId);
-  if (!format || !value) return FileFormatError("Incomplete document @.", documentId);
-  return std::move(*value);
+  if (!format || !haveValue) return FileFormatError("Incomplete document @.", documentId);
+  return {};
+}
+
+// The tag of a tagged value, which must be expected.
+Result<void> ExpectTag(CborReader& r, std::string_view expected) {
+  KELVO_ASSIGN_OR_RETURN(std::uint64_t n, r.Container(5, "a tagged value"));
+  if (n != 1) return FileFormatError("Expected a tagged value in a document.");
+  KELVO_ASSIGN_OR_RETURN(std::string_view tag, r.Text());
+  if (tag != expected) return FileFormatError("Expected @ in a document, found @.", std::string(expected), std::string(tag));
+  return {};
+}
+
+// A text as a view into the bytes when it stands there as plain text, else decoded into spare.
+Result<std::string_view> ReadTextView(CborReader& r, std::string& spare) {
+  if (r.PeekMajor() == 3) return r.Text();
+  KELVO_ASSIGN_OR_RETURN(spare, ReadText(r));
+  return std::string_view(spare);
+}
+
+} // namespace
+
+Result<Data> DecodeBinaryDocument(std::string_view bytes, const Id& documentId) {
+  CborReader r(bytes);
+  Data value;
+  KELVO_RETURN_ON_ERROR(ReadBinaryDocument(r, documentId, [&]() -> Result<void> {
+    KELVO_ASSIGN_OR_RETURN(value, ReadValue(r, 0));
+    return {};
+  }));
+  return value;
+}
+
+Result<void> DecodeBinaryPairDocument(std::string_view bytes, const Id& documentId, const PairReceiver& receiver) {
+  CborReader r(bytes);
+  return ReadBinaryDocument(r, documentId, [&]() -> Result<void> {
+    KELVO_RETURN_ON_ERROR(ExpectTag(r, "array"));
+    KELVO_ASSIGN_OR_RETURN(std::uint64_t n, r.Container(4, "an array"));
+    std::string spareAid, spareVersion;
+    for (std::uint64_t i = 0; i < n; ++i) {
+      KELVO_RETURN_ON_ERROR(ExpectTag(r, "array"));
+      KELVO_ASSIGN_OR_RETURN(std::uint64_t pair, r.Container(4, "a pair"));
+      if (pair != 2) return FileFormatError("Expected a pair in a document.");
+      KELVO_RETURN_ON_ERROR(ExpectTag(r, "idandversion"));
+      KELVO_ASSIGN_OR_RETURN(std::uint64_t ids, r.Container(4, "an asset and version Id pair"));
+      if (ids != 2) return FileFormatError("Expected an asset and version Id pair in a document.");
+      KELVO_ASSIGN_OR_RETURN(std::string_view aid, ReadTextView(r, spareAid));
+      KELVO_ASSIGN_OR_RETURN(std::string_view version, ReadTextView(r, spareVersion));
+      KELVO_ASSIGN_OR_RETURN(Data value, ReadValue(r, 3));
+      KELVO_RETURN_ON_ERROR(receiver(aid, version, std::move(value)));
+    }
+    return {};
+  });
 }
 
 } // namespace kelvo::documentdetail

@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "data_document.h"
 #include "kelvo/data.h"
 #include "kelvo/result.h"
 
@@ -19,5 +20,7 @@ Result<Data> FloatFromBits(std::string_view hex);
 Result<Data> FromPlain(const Id& type, const Data& plain);
 // The value of a binary document of documentId.
 Result<Data> DecodeBinaryDocument(std::string_view bytes, const Id& documentId);
+// The pairs of a binary pair document (see DecodePairDocument).
+Result<void> DecodeBinaryPairDocument(std::string_view bytes, const Id& documentId, const PairReceiver& receiver);
 
 } // namespace kelvo::documentdetail

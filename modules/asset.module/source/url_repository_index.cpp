@@ -84,37 +84,38 @@ Result<std::string> ReadChecked(const Url& partDir, const std::string& name,
 // a listing in another order still finds it by halving.
 class CompactedCursor {
 public:
-  CompactedCursor(InternedId metaId, std::vector<std::pair<IdAndVersion, Data>> records)
+  CompactedCursor(InternedId metaId, std::unique_ptr<CompactedRecords> records)
       : _metaId(std::move(metaId)), _records(std::move(records)) {}
 
   // Moves the value of (aid, versionId), if there is one, into values.
   void Take(const Id& aid, const Id& versionId, UrlCompactedValues& values) {
     const std::string_view a = aid.View();
-    auto aidOf = [this](std::size_t i) { return _records[i].first.first.View(); };
-    const std::size_t n = _records.size();
-    if (_cursor < n && aidOf(_cursor) < a) {
-      for (int step = 0; step < 8 && _cursor < n && aidOf(_cursor) < a; ++step) ++_cursor;
-      if (_cursor < n && aidOf(_cursor) < a) _cursor = LowerBound(_cursor, n, a);
-    } else if (_cursor > 0 && !(aidOf(_cursor - 1) < a)) {
+    auto& records = _records->records;
+    const std::size_t n = records.size();
+    if (_cursor < n && records[_cursor].aid < a) {
+      for (int step = 0; step < 8 && _cursor < n && records[_cursor].aid < a; ++step) ++_cursor;
+      if (_cursor < n && records[_cursor].aid < a) _cursor = LowerBound(_cursor, n, a);
+    } else if (_cursor > 0 && !(records[_cursor - 1].aid < a)) {
       _cursor = LowerBound(0, _cursor, a);
     }
-    for (std::size_t i = _cursor; i < n && aidOf(i) == a; ++i) {
-      if (_records[i].first.second != versionId) continue;
-      values.emplace_back(_metaId, std::move(_records[i].second));
+    for (std::size_t i = _cursor; i < n && records[i].aid == a; ++i) {
+      if (records[i].version != versionId.View()) continue;
+      values.emplace_back(_metaId, std::move(records[i].value));
       return;
     }
   }
 
 private:
   std::size_t LowerBound(std::size_t from, std::size_t to, std::string_view aid) const {
-    auto it = std::lower_bound(_records.begin() + static_cast<std::ptrdiff_t>(from),
-                               _records.begin() + static_cast<std::ptrdiff_t>(to), aid,
-                               [](const auto& record, std::string_view a) { return record.first.first.View() < a; });
-    return static_cast<std::size_t>(it - _records.begin());
+    const auto& records = _records->records;
+    auto it = std::lower_bound(records.begin() + static_cast<std::ptrdiff_t>(from),
+                               records.begin() + static_cast<std::ptrdiff_t>(to), aid,
+                               [](const CompactedRecords::Record& record, std::string_view a) { return record.aid < a; });
+    return static_cast<std::size_t>(it - records.begin());
   }
 
   InternedId _metaId;
-  std::vector<std::pair<IdAndVersion, Data>> _records;
+  std::unique_ptr<CompactedRecords> _records;
   std::size_t _cursor = 0;
 };
 
@@ -122,22 +123,24 @@ bool IsDirectoryName(std::string_view name) { return IsSafePathComponent(name) &
 
 } // namespace
 
-Result<std::vector<std::pair<IdAndVersion, Data>>> DecodeCompactedMetaData(const Data& document) {
-  const DataArray* array = document.GetPtr<DataArray>();
-  if (!array) return FileFormatError("Compacted metadata is no array.");
-  std::vector<std::pair<IdAndVersion, Data>> records;
-  records.reserve(array->size());
-  for (const Data& item : *array) {
-    const DataArray* record = item.GetPtr<DataArray>();
-    const IdAndVersion* key = record && record->size() == 2 ? (*record)[0].GetPtr<IdAndVersion>() : nullptr;
-    if (!key) return FileFormatError("Malformed record in compacted metadata.");
-    records.emplace_back(*key, (*record)[1]);
-  }
-  const bool sorted = std::is_sorted(records.begin(), records.end(), [](const auto& a, const auto& b) {
-    return KeyLess(a, b.first);
+Result<std::unique_ptr<CompactedRecords>> DecodeCompactedMetaData(std::string bytes) {
+  auto out = std::make_unique<CompactedRecords>();
+  out->bytes = std::move(bytes);
+  const std::string_view all = out->bytes;
+  auto keep = [&out, all](std::string_view text) -> std::string_view {
+    if (text.data() >= all.data() && text.data() + text.size() <= all.data() + all.size()) return text;
+    return out->spare.emplace_back(text);
+  };
+  KELVO_RETURN_ON_ERROR(DecodePairDocument(all, g_compactedMetaDataDocumentId,
+                                           [&](std::string_view aid, std::string_view version, Data value) -> Result<void> {
+                                             out->records.push_back({keep(aid), keep(version), std::move(value)});
+                                             return {};
+                                           }));
+  const bool sorted = std::is_sorted(out->records.begin(), out->records.end(), [](const auto& a, const auto& b) {
+    return a.aid != b.aid ? a.aid < b.aid : a.version < b.version;
   });
   if (!sorted) return FileFormatError("Compacted metadata is not sorted.");
-  return records;
+  return out;
 }
 
 void UrlAssetRepositoryImpl::SetCompactionDelayOverride(double seconds) { g_compactionDelayOverride = seconds; }
@@ -243,8 +246,7 @@ Result<void> UrlAssetRepositoryImpl::LoadIndexPart(const Url& partDir, std::uint
     if (e.name == "index") continue;
     if (e.type != IODETECT::FILE || e.isLink) return FileFormatError("Unexpected entry @ in index part @.", e.name, partDir);
     KELVO_ASSIGN_OR_RETURN(std::string bytes, ReadChecked(partDir, e.name, sums));
-    KELVO_ASSIGN_OR_RETURN(Data document, DecodeDocument(bytes, g_compactedMetaDataDocumentId));
-    KELVO_ASSIGN_OR_RETURN(auto records, DecodeCompactedMetaData(document));
+    KELVO_ASSIGN_OR_RETURN(auto records, DecodeCompactedMetaData(std::move(bytes)));
     compacted.emplace_back(InternedId(std::string_view(e.name)), std::move(records));
   }
   for (const auto& [name, sum] : sums)

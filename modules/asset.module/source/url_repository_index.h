@@ -3,6 +3,7 @@
 // before it decides whether to walk the tree.
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -36,8 +37,20 @@ private:
   bool _tableBuilt = false;
 };
 
-// The compacted records of one document (array of [IdAndVersion, value]), sorted.
-Result<std::vector<std::pair<IdAndVersion, Data>>> DecodeCompactedMetaData(const Data& document);
+// The records of one compacted metadata document, sorted by asset Id, then version Id. The Ids
+// are views into the document's bytes, or into spare texts for Ids not written there as they are.
+struct CompactedRecords {
+  struct Record {
+    std::string_view aid;
+    std::string_view version;
+    Data value;
+  };
+  std::string bytes;
+  std::deque<std::string> spare;
+  std::vector<Record> records;
+};
+// Reads a compacted metadata document; an unsorted one is a file format error.
+Result<std::unique_ptr<CompactedRecords>> DecodeCompactedMetaData(std::string bytes);
 
 // A type Id read from asset.info or an index: old aliases mapped, and the Id that a registered
 // asset type reports for itself.
