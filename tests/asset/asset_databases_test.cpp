@@ -164,6 +164,19 @@ TEST_F(AssetDatabasesTest, FolderZipLinkAndUserListAreChainedInOrder) {
   EXPECT_DOUBLE_EQ(progress->GetProgress(), 1.0);
 }
 
+TEST_F(AssetDatabasesTest, UnreadableListAtStartMountsNothingUntilAListIsSet) {
+  MakeDatabase(Assets() / "basics", "db.basics", {{"from_basics", "b"}});
+  ASSERT_TRUE(Settings::Set(assetdatabasekeys::userpaths, Data("not a list")).HasValue());
+  // The module itself starts; only the databases wait for a list.
+  StartAndWait();
+  for (const AssetDatabaseState& state : AssetDataBases::GetDatabaseStates()) EXPECT_FALSE(state.mounted) << state.url.ToString();
+  EXPECT_EQ(SearchOrder(), (std::vector<std::string>{"net.kelvo.repository.userprefs", "net.kelvo.repository.builtin"}));
+
+  SetList({});
+  EXPECT_EQ(SearchOrder(), (std::vector<std::string>{"net.kelvo.repository.userprefs", "db.basics",
+                                                     "net.kelvo.repository.builtin"}));
+}
+
 TEST_F(AssetDatabasesTest, ListChangesRemountTheRightRepositories) {
   MakeDatabase(Assets() / "basics", "db.basics", {{"from_basics", "b"}});
   MakeDatabase(_root / "a", "db.a", {{"from_a", "a"}});

@@ -700,13 +700,10 @@ Result<void> PrivateStartAssetDatabases() {
     s.lastListFingerprint = 0;
     s.started = true;
   }
-  Result<std::vector<AssetDatabaseStruct>> list = ReadUserList();
-  if (list.HasError()) {
-    // A broken list must not keep the standard databases from being mounted.
-    WarningOutput("Can't read the list of asset databases: @", list.GetError());
-    list = std::vector<AssetDatabaseStruct>();
-  }
-  return StartPass(std::move(*list), false);
+  // Without a readable list nothing is mounted, not even the standard databases: the caller gets
+  // the error, and a later SetDatabases with a good list starts the first pass.
+  KELVO_ASSIGN_OR_RETURN(std::vector<AssetDatabaseStruct> list, ReadUserList());
+  return StartPass(std::move(list), false);
 }
 
 void PrivateEndAssetDatabases() {
