@@ -1,6 +1,7 @@
 // The index of the URL repository: compaction, opening from the index, stale and damaged
 // indexes, removal on change, delayed background compaction and its end with the repository.
 
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "kelvo/background_progress.h"
@@ -60,7 +61,11 @@ TEST_F(IndexTest, CompactWritesPartsAndReopensWithoutWalkingTheTree) {
   EXPECT_TRUE(fs::exists(part / "net.kelvo.asset.timestamp"));
   EXPECT_TRUE(fs::exists(Root() / "_index" / "0-2.json" / "net.kelvo.test.note.json"));
   EXPECT_TRUE(fs::exists(Root() / "_index" / "index.dat"));
-  EXPECT_NE(ReadFile(Root() / "_index" / "modified.dat").find("\"modified\""), std::string::npos);
+  // modified.dat: the time of the compaction as a 64-bit value.
+  const auto modified = nlohmann::json::parse(ReadFile(Root() / "_index" / "modified.dat"), nullptr, false);
+  ASSERT_TRUE(modified.is_object() && modified.contains("modified") && modified["modified"].is_number_unsigned());
+  EXPECT_GT(modified["modified"].get<std::uint64_t>(), 0u);
+  EXPECT_LE(modified["modified"].get<std::uint64_t>(), UniversalDateTime::GetNow().GetValue());
   // index.dat lists content and attached files, not what the index replaces.
   const std::string tree = ReadFile(Root() / "_index" / "index.dat");
   EXPECT_NE(tree.find("f\talpha/2/asset.txt\n"), std::string::npos);

@@ -165,11 +165,11 @@ TEST_F(UrlRepositoryTest, MetadataFilesFollowKindRules) {
   ASSERT_TRUE(repo->StoreMetaData(d, kNote, Data(std::string("one")), 2).HasValue());
   ASSERT_TRUE(repo->StoreMetaData(d, kNote, Data(std::string("two")), 2).HasValue());
   EXPECT_NE(ReadFile(dir / "net.kelvo.test.note.meta").find("two"), std::string::npos);
-  // A derived value goes when a persistent value changes.
+  // Derived values kept in the root stay when a persistent value changes.
   ASSERT_TRUE(repo->StoreMetaData(d, kDerived, Data(std::int32_t(7)), 10).HasValue());
   EXPECT_TRUE(fs::exists(dir / "net.kelvo.test.derived.derived"));
   ASSERT_TRUE(repo->StoreMetaData(d, kNote, Data(std::string("three")), 2).HasValue());
-  EXPECT_FALSE(fs::exists(dir / "net.kelvo.test.derived.derived"));
+  EXPECT_TRUE(fs::exists(dir / "net.kelvo.test.derived.derived"));
   // No value removes the file; removing a missing one is no error.
   ASSERT_TRUE(repo->StoreMetaData(d, kNote, Data(), 2).HasValue());
   EXPECT_FALSE(fs::exists(dir / "net.kelvo.test.note.meta"));
@@ -183,6 +183,26 @@ TEST_F(UrlRepositoryTest, MetadataFilesFollowKindRules) {
   EXPECT_EQ(ReadFile(dir / "net.kelvo.test.preview.meta.png"), "png");
   // Kinds that can't hold a file are refused.
   EXPECT_TRUE(repo->StoreUrlMetaData(d, kPreview, Url::FromFile((_base / "p.png").string()), 10).HasError());
+}
+
+TEST_F(UrlRepositoryTest, PersistentChangeClearsASeparateDerivedTree) {
+  // Derived values in the preferences: a changed persistent value makes them stale.
+  auto r = CreateUrlAssetRepository(Id("test.repo"), {}, RootUrl(), true, true, false);
+  ASSERT_TRUE(r.HasValue()) << r.GetError().ToString();
+  auto repo = *r;
+  auto d = Store(repo, "a", "text");
+  ASSERT_TRUE(d);
+  const Data vdata = std::dynamic_pointer_cast<const AssetMetaDataImpl>(d->GetMetaData())->GetVersionData();
+  ASSERT_TRUE(repo->StoreMetaData(d, kDerived, Data(std::int32_t(7)), 10).HasValue());
+  EXPECT_FALSE(fs::exists(Root() / "a" / "1" / "net.kelvo.test.derived.derived"));
+  EXPECT_EQ(repo->LoadMetaDataImpl(vdata, kDerived, 10).GetValueOr(std::nullopt), std::optional<Data>(Data(std::int32_t(7))));
+  // A value that isn't persistent changes nothing; a persistent one clears the derived tree.
+  ASSERT_TRUE(repo->StoreMetaData(d, kNote, Data(std::string("temporary")), 0).HasValue());
+  EXPECT_TRUE(repo->LoadMetaDataImpl(vdata, kDerived, 10).GetValueOr(std::nullopt).has_value());
+  ASSERT_TRUE(repo->StoreMetaData(d, kNote, Data(std::string("changed")), 2).HasValue());
+  auto loaded = repo->LoadMetaDataImpl(vdata, kDerived, 10);
+  ASSERT_TRUE(loaded.HasValue());
+  EXPECT_FALSE(loaded->has_value());
 }
 
 TEST_F(UrlRepositoryTest, DerivedValuesOfAnotherStampReadAsAbsent) {

@@ -666,7 +666,9 @@ Result<Data> UrlAssetRepositoryImpl::StoreMetaDataImpl(const Data& vdata, const 
   if (none) return IllegalStateError("Asset repository @ doesn't support to store derived meta data.", GetId());
 
   // A changed persistent value makes every derived value of the version stale.
-  if ((kind == AssetMetaData::PERSISTENT || kind == kPersistentUser) && !_derivedUrl.IsEmpty()) {
+  // Only a separate derived tree is cleared: derived values kept in the root stay.
+  if ((kind == AssetMetaData::PERSISTENT || kind == kPersistentUser) && !_derivedUrl.IsEmpty() &&
+      !(_derivedUrl == _url)) {
     bool noDerived = false;
     KELVO_ASSIGN_OR_RETURN(Url derivedDir, SideTreeDirectory(versionDir, AssetMetaData::PERSISTENT | AssetMetaData::DERIVED, noDerived));
     if (!noDerived && derivedDir.IoDetect() == IODETECT::DIRECTORY) {

@@ -452,7 +452,8 @@ Result<void> UrlAssetRepositoryImpl::CompactCore(std::uint64_t generation) {
       KELVO_RETURN_ON_ERROR(WriteFileAtomic(indexDir.Append("index.dat"), tree));
       std::string modified;
       try {
-        modified = nlohmann::json{{"modified", UniversalDateTime::GetNow().ToString()}}.dump() + "\n";
+        // The time as its 64-bit value, which readers of a remote database compare.
+        modified = nlohmann::json{{"modified", UniversalDateTime::GetNow().GetValue()}}.dump() + "\n";
       } catch (const std::exception& e) {
         return UnexpectedError("Can't write the time of the index: @", e.what());
       }
