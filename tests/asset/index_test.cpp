@@ -222,6 +222,27 @@ TEST_F(IndexTest, RepositoryWithoutIndexGetsNoneOnChange) {
   EXPECT_FALSE(fs::exists(Root() / "_index"));
 }
 
+TEST_F(IndexTest, FailedCompactionLeavesNoIndex) {
+  const auto expected = MakeIndexed();
+  auto repo = Open();
+  ASSERT_TRUE(repo->WasOpenedFromIndex());
+  // A compaction in a job that is cancelled fails partway.
+  auto job = JobQueue::GetDefaultQueue()->Enqueue([&]() -> Result<void> {
+    GetCurrentJob().Cancel();
+    return repo->Compact();
+  });
+  ASSERT_TRUE(job.HasValue());
+  auto r = job->Wait();
+  ASSERT_TRUE(r.HasError());
+  EXPECT_TRUE(r.GetError().Is(errors::OperationCancelledError));
+  EXPECT_FALSE(fs::exists(Root() / "_index"));
+  EXPECT_NE(repo->GetIndexState(), REPOSITORYINDEXSTATE::EXISTS);
+  repo.reset();
+  auto reopened = Open();
+  EXPECT_FALSE(reopened->WasOpenedFromIndex());
+  EXPECT_EQ(Contents(reopened), expected);
+}
+
 TEST_F(IndexTest, DeleteIndexFilesCancelsAndRemoves) {
   MakeIndexed();
   auto repo = Open();

@@ -459,14 +459,16 @@ Result<void> UrlAssetRepositoryImpl::CompactCore(std::uint64_t generation) {
       }
       return WriteFileAtomic(indexDir.Append("modified.dat"), modified);
     }();
-    if (installed.HasError()) {
-      (void)indexDir.IoDelete(true);
-      _indexExists = false;
-      return installed;
-    }
+    KELVO_RETURN_ON_ERROR(installed);
     _indexExists = true;
     return {};
   }();
+  if (result.HasError()) {
+    // A compaction that fails leaves no index, old or half installed; running work goes on.
+    std::lock_guard install(_indexLock);
+    (void)_url.Append("_index").IoDelete(true);
+    _indexExists = false;
+  }
   (void)tmp.IoDelete(true);
   (void)tmpJson.IoDelete(true);
   HandleBaseChanged(nullptr, false);
