@@ -57,6 +57,14 @@ protected:
     for (const fs::path& f : files) fs::remove(f);
   }
 
+  // Installs listing in part, then opens the repository from the index and compares what it shows.
+  void ExpectOpenedFromIndex(const fs::path& part, const std::string& listing, const Seen& expected) {
+    WriteListing(part, listing);
+    auto repo = Open();
+    EXPECT_TRUE(repo->WasOpenedFromIndex());
+    EXPECT_EQ(Look(repo), expected);
+  }
+
   // The listing's entries: directory, asset Id and type lines, then the lines with a leading tab.
   static std::vector<std::string> Entries(const std::string& listing) {
     std::vector<std::string> entries;
@@ -91,10 +99,7 @@ TEST_F(IndexListingTest, ListingInAnyOrderGivesTheSameAssetsTimesAndValues) {
   for (const auto& order : {reversed, shuffled}) {
     std::string listing;
     for (const std::string& e : order) listing += e;
-    WriteListing(part, listing);
-    auto repo = Open();
-    EXPECT_TRUE(repo->WasOpenedFromIndex());
-    EXPECT_EQ(Look(repo), expected);
+    ExpectOpenedFromIndex(part, listing, expected);
   }
 }
 
@@ -127,10 +132,7 @@ TEST_F(IndexListingTest, AnAssetSplitOverTwoEntriesIsOneAsset) {
   std::string listing = first.substr(0, cut);
   for (std::size_t i = 1; i < entries.size(); ++i) listing += entries[i];
   listing += head + first.substr(cut);
-  WriteListing(part, listing);
-  auto repo = Open();
-  EXPECT_TRUE(repo->WasOpenedFromIndex());
-  EXPECT_EQ(Look(repo), expected);
+  ExpectOpenedFromIndex(part, listing, expected);
 }
 
 TEST_F(IndexListingTest, AnAssetUnderTwoDirectoriesMakesTheIndexUnusable) {
