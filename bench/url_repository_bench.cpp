@@ -188,12 +188,6 @@ struct OpenTimes {
   double open = 0;
   double list = 0;
   double close = 0;
-  OpenTimes& operator+=(const OpenTimes& o) {
-    open += o.open;
-    list += o.list;
-    close += o.close;
-    return *this;
-  }
 };
 
 // Opens the repository and reads the latest version (with its time) of every asset.

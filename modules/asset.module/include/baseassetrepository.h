@@ -23,7 +23,6 @@ struct VersionEntry {
   VersionKey key;
   AssetDescription description;
   Data vdata;
-  Id versionId; // the description's version Id; empty without a description
 };
 
 // The versions of one asset Id: an immutable snapshot, replaced as a whole by writers, so a

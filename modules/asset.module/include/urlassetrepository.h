@@ -157,6 +157,8 @@ private:
   Result<Url> SideTreeDirectory(const Url& versionDir, std::uint32_t kind, bool& none) const;
   Result<void> WriteNextVersion(std::uint64_t version);
   Result<void> CompactCore(std::uint64_t generation);
+  // Removes _index under the index lock and clears _indexExists; true when there was one.
+  Result<bool> RemoveIndexDirectory();
   void CancelCompaction(bool wait);
   Result<void> EnsureDatabaseAsset();
 

@@ -50,7 +50,7 @@ std::pair<std::size_t, bool> VersionsData::Find(const VersionKey& key) const {
 std::optional<std::size_t> VersionsData::FindVersion(const Id& versionId) const {
   if (versionId.IsEmpty()) return std::nullopt;
   for (std::size_t i = entries.size(); i-- > 0;)
-    if (entries[i].versionId == versionId) return i;
+    if (entries[i].description && entries[i].description->GetIdAndVersion().second == versionId) return i;
   return std::nullopt;
 }
 
@@ -153,9 +153,8 @@ Result<VersionsDataRef> BaseAssetRepositoryImpl::GetVersions(const IdDataRef& id
           working->entries[index].vdata = vdata;
         } else {
           working->entries.insert(working->entries.begin() + static_cast<std::ptrdiff_t>(index),
-                                  VersionEntry{key, description, vdata, Id()});
+                                  VersionEntry{key, description, vdata});
         }
-        if (description) working->entries[index].versionId = description->GetIdAndVersion().second;
         return {};
       }));
   working->loaded = true;

@@ -192,10 +192,10 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
     }
     auto [index, found] = versions->Find(key);
     if (found)
-      versions->entries[index] = VersionEntry{key, description, stored.vdata, stored.versionId};
+      versions->entries[index] = VersionEntry{key, description, stored.vdata};
     else
       versions->entries.insert(versions->entries.begin() + static_cast<std::ptrdiff_t>(index),
-                               VersionEntry{key, description, stored.vdata, stored.versionId});
+                               VersionEntry{key, description, stored.vdata});
     idData->versions = std::move(versions);
   }
   storeGuard.unlock();

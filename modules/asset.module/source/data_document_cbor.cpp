@@ -157,14 +157,18 @@ Result<std::string> ReadText(CborReader& r) {
   return std::string(bytes.begin(), bytes.end());
 }
 
+// A text as a view into the bytes when it stands there as plain text, else decoded into spare.
+Result<std::string_view> ReadTextView(CborReader& r, std::string& spare) {
+  if (r.PeekMajor() == 3) return r.Text();
+  KELVO_ASSIGN_OR_RETURN(spare, ReadText(r));
+  return std::string_view(spare);
+}
+
 // An Id straight from the bytes when it is plain text, without a string in between.
 Result<Id> ReadId(CborReader& r) {
-  if (r.PeekMajor() == 3) {
-    KELVO_ASSIGN_OR_RETURN(std::string_view s, r.Text());
-    return Id(s);
-  }
-  KELVO_ASSIGN_OR_RETURN(std::string s, ReadText(r));
-  return Id(s);
+  std::string spare;
+  KELVO_ASSIGN_OR_RETURN(std::string_view text, ReadTextView(r, spare));
+  return Id(text);
 }
 
 Result<IdAndVersion> ReadIdAndVersion(CborReader& r) {
@@ -316,11 +320,16 @@ Result<Data> ReadTagged(CborReader& r, std::string_view tag, std::size_t depth) 
   return FileFormatError("Unknown value tag @ in a document.", std::string(tag));
 }
 
-Result<Data> ReadValue(CborReader& r, std::size_t depth) {
-  if (depth > kMaxDepth) return FileFormatError("Document nested deeper than @ levels.", kMaxDepth);
+// The tag of a tagged value: a map of one member, named by the value's type.
+Result<std::string_view> ReadTag(CborReader& r) {
   KELVO_ASSIGN_OR_RETURN(std::uint64_t n, r.Container(5, "a tagged value"));
   if (n != 1) return FileFormatError("Expected a tagged value in a document.");
-  KELVO_ASSIGN_OR_RETURN(std::string_view tag, r.Text());
+  return r.Text();
+}
+
+Result<Data> ReadValue(CborReader& r, std::size_t depth) {
+  if (depth > kMaxDepth) return FileFormatError("Document nested deeper than @ levels.", kMaxDepth);
+  KELVO_ASSIGN_OR_RETURN(std::string_view tag, ReadTag(r));
   return ReadTagged(r, tag, depth);
 }
 
@@ -357,18 +366,9 @@ Result<void> ReadBinaryDocument(CborReader& r, const Id& documentId, const std::
 
 // The tag of a tagged value, which must be expected.
 Result<void> ExpectTag(CborReader& r, std::string_view expected) {
-  KELVO_ASSIGN_OR_RETURN(std::uint64_t n, r.Container(5, "a tagged value"));
-  if (n != 1) return FileFormatError("Expected a tagged value in a document.");
-  KELVO_ASSIGN_OR_RETURN(std::string_view tag, r.Text());
+  KELVO_ASSIGN_OR_RETURN(std::string_view tag, ReadTag(r));
   if (tag != expected) return FileFormatError("Expected @ in a document, found @.", std::string(expected), std::string(tag));
   return {};
-}
-
-// A text as a view into the bytes when it stands there as plain text, else decoded into spare.
-Result<std::string_view> ReadTextView(CborReader& r, std::string& spare) {
-  if (r.PeekMajor() == 3) return r.Text();
-  KELVO_ASSIGN_OR_RETURN(spare, ReadText(r));
-  return std::string_view(spare);
 }
 
 } // namespace

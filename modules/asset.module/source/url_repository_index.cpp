@@ -463,12 +463,8 @@ Result<void> UrlAssetRepositoryImpl::CompactCore(std::uint64_t generation) {
     _indexExists = true;
     return {};
   }();
-  if (result.HasError()) {
-    // A compaction that fails leaves no index, old or half installed; running work goes on.
-    std::lock_guard install(_indexLock);
-    (void)_url.Append("_index").IoDelete(true);
-    _indexExists = false;
-  }
+  // A compaction that fails leaves no index, old or half installed; running work goes on.
+  if (result.HasError() && RemoveIndexDirectory().HasError()) _indexExists = false;
   (void)tmp.IoDelete(true);
   (void)tmpJson.IoDelete(true);
   HandleBaseChanged(nullptr, false);
@@ -505,18 +501,18 @@ Result<void> UrlAssetRepositoryImpl::DeleteIndexFiles() {
   }
   if (!IsWritable()) return {};
   CancelCompaction(false);
-  const Url indexDir = _url.Append("_index");
-  {
-    std::lock_guard guard(_indexLock);
-    if (indexDir.IoDetect() != IODETECT::DIRECTORY) {
-      _indexExists = false;
-      return {};
-    }
-    KELVO_RETURN_ON_ERROR(indexDir.IoDelete(true));
-    _indexExists = false;
-  }
-  HandleBaseChanged(nullptr, false);
+  KELVO_ASSIGN_OR_RETURN(bool removed, RemoveIndexDirectory());
+  if (removed) HandleBaseChanged(nullptr, false);
   return {};
+}
+
+Result<bool> UrlAssetRepositoryImpl::RemoveIndexDirectory() {
+  const Url indexDir = _url.Append("_index");
+  std::lock_guard guard(_indexLock);
+  const bool exists = indexDir.IoDetect() == IODETECT::DIRECTORY;
+  if (exists) KELVO_RETURN_ON_ERROR(indexDir.IoDelete(true));
+  _indexExists = false;
+  return exists;
 }
 
 Result<void> UrlAssetRepositoryImpl::CompactInBackground(double delay) {
