@@ -1,0 +1,59 @@
+#pragma once
+// The keys of filter terms and the ids that the terms test. Metadata ids are the names under which
+// an asset stores the value; the short ids (assetid, dependencycount, ...) are markers for values
+// that are not metadata and that the filter computes itself.
+
+#include <string_view>
+
+#include "kelvo/id.h"
+
+namespace kelvo {
+
+namespace filterids {
+inline const Id subtype{"net.kelvo.asset.subtype"};
+inline const Id name{"net.kelvo.object.base.name"};
+inline const Id annotations{"net.kelvo.object.base.annotations"};
+inline const Id assetid{"assetid"};
+inline const Id dependencies{"net.kelvo.asset.dependencies.2"};
+inline const Id dependencycount{"dependencycount"};
+inline const Id categoryid{"categoryid"};
+inline const Id keywords{"net.kelvo.asset.keywords"};
+inline const Id keywordid{"keywordid"};
+inline const Id keywordcount{"keywordcount"};
+inline const Id lastusedate{"lastusedate"};
+inline const Id usecount{"usecount"};
+inline const Id database{"database"};
+inline const Id databasetype{"databasetype"};
+inline const Id size{"size"};
+inline const Id installed{"installed"};
+inline const Id downloading{"downloading"};
+inline const Id protected_{"protected"};
+inline const Id favorite{"favorite"};
+inline const Id versiontag{"net.kelvo.asset.versiontag"};
+inline const Id versioncount{"versioncount"};
+inline const Id timestamp{"net.kelvo.asset.timestamp"};
+inline const Id previewimageurl{"net.kelvo.asset.previewimageurl"};
+inline const Id previewanimurl{"net.kelvo.asset.previewanimurl"};
+inline const Id fps{"net.kelvo.asset.metaproperties.media.fps"};
+inline const Id animlength{"net.kelvo.asset.metaproperties.media.animlength"};
+inline const Id bitdepth{"net.kelvo.asset.metaproperties.media.bitdepth"};
+inline const Id pixelformat{"net.kelvo.asset.metaproperties.media.pixelformat"};
+inline const Id colorprofile{"net.kelvo.asset.metaproperties.media.colorprofile"};
+inline const Id resolution{"net.kelvo.asset.metaproperties.media.resolution"};
+inline const Id alphachannels{"net.kelvo.asset.metaproperties.media.alphachannels"};
+inline const Id fileformatversion{"net.kelvo.asset.metaproperties.base.fileformatversion"};
+inline const Id fileformat{"net.kelvo.asset.metaproperties.base.fileformat"};
+inline const Id pointcount{"net.kelvo.asset.metaproperties.k3sfile.pointcount"};
+inline const Id polygoncount{"net.kelvo.asset.metaproperties.k3sfile.polygoncount"};
+inline const Id geometryobjectcount{"net.kelvo.asset.metaproperties.k3sfile.geometryobjectcount"};
+inline const Id materialcount{"net.kelvo.asset.metaproperties.k3sfile.materialcount"};
+inline const Id boundingbox{"net.kelvo.asset.metaproperties.k3sfile.boundingbox"};
+inline const Id proxygeometry{"net.kelvo.assetmetadata.proxygeometry"};
+inline const Id scope{"scope"};
+} // namespace filterids
+
+// The id tested by the term key (upper case, compared exactly), or null for an unknown key.
+// Safe from any thread.
+const Id* FindFilterKey(std::string_view upperKey);
+
+} // namespace kelvo
