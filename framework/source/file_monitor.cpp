@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <deque>
 #include <exception>
@@ -32,6 +33,9 @@ constexpr std::uint32_t kWatchMask = IN_CREATE | IN_CLOSE_WRITE | IN_ATTRIB | IN
                                      IN_MOVED_FROM | IN_MOVED_TO | IN_MOVE_SELF | IN_EXCL_UNLINK | IN_ONLYDIR;
 // Directories deeper than this below the root aren't watched (each level holds a descriptor).
 constexpr int kMaxDepth = 400;
+
+// The monitor whose thread this is, so Stop can tell a call from its own delegate.
+thread_local const void* t_monitor = nullptr;
 
 double MonotonicSeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
@@ -95,8 +99,12 @@ struct FileMonitor::Impl {
   std::atomic<bool> limitReached{false};
   std::atomic<bool> overflowed{false};
   std::atomic<std::size_t> watchCount{0};
-  std::thread thread;
-  std::mutex stopLock;  // serialises Stop
+  // Joining: the first Stop from another thread takes the thread out and joins it, later ones
+  // wait on joinedCv until it has been joined.
+  std::mutex stopLock;
+  std::condition_variable joinedCv;
+  std::thread thread;    // under stopLock
+  bool joining = false;  // under stopLock
 
   std::unordered_map<int, Node> nodes;
   std::unordered_map<std::string, int> byName;  // Key(parent, name) -> watch descriptor
@@ -392,7 +400,32 @@ struct FileMonitor::Impl {
   }
 
   // The monitor thread. Holds a reference of its own, so a delegate may destroy the monitor.
-  static void Run(std::shared_ptr<Impl> self) { self->Loop(); }
+  static void Run(std::shared_ptr<Impl> self) {
+    t_monitor = self.get();
+    self->Loop();
+  }
+
+  void RequestStop() {
+    stopping = true;
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = ::write(wakeFd, &one, sizeof one);
+  }
+
+  // Waits until the monitor thread has ended. REQUIRES: not on the monitor thread.
+  void Join() {
+    std::unique_lock lock(stopLock);
+    if (!thread.joinable()) {
+      joinedCv.wait(lock, [&] { return !joining; });
+      return;
+    }
+    std::thread running = std::move(thread);
+    joining = true;
+    lock.unlock();
+    running.join();
+    lock.lock();
+    joining = false;
+    joinedCv.notify_all();
+  }
 
   void Loop() {
     alignas(inotify_event) char buffer[64 * 1024];
@@ -459,6 +492,7 @@ Result<std::unique_ptr<FileMonitor>> FileMonitor::WatchDirectory(const Url& dire
     return IoError("Can't watch @: @", impl->rootPath, ErrnoText(errno));
   }
   try {
+    std::lock_guard guard(impl->stopLock);
     impl->thread = std::thread(&Impl::Run, impl);
   } catch (const std::exception& e) {
     return IoError("Can't watch @: no monitor thread: @", impl->rootPath, e.what());
@@ -467,19 +501,22 @@ Result<std::unique_ptr<FileMonitor>> FileMonitor::WatchDirectory(const Url& dire
 }
 
 void FileMonitor::Stop() {
-  std::lock_guard guard(_impl->stopLock);
-  _impl->stopping = true;
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const ssize_t written = ::write(_impl->wakeFd, &one, sizeof one);
-  if (!_impl->thread.joinable()) return;
-  if (_impl->thread.get_id() == std::this_thread::get_id()) {
-    _impl->thread.detach();  // called from the delegate: the thread ends when it returns
-  } else {
-    _impl->thread.join();
-  }
+  _impl->RequestStop();
+  // From the delegate: the running delegate finishes, no other starts, and a later Stop or the
+  // destructor on another thread joins.
+  if (t_monitor != _impl.get()) _impl->Join();
 }
 
-FileMonitor::~FileMonitor() { Stop(); }
+FileMonitor::~FileMonitor() {
+  _impl->RequestStop();
+  if (t_monitor != _impl.get()) {
+    _impl->Join();
+    return;
+  }
+  // Destroyed by its own delegate: the thread holds the state and ends when the delegate returns.
+  std::lock_guard guard(_impl->stopLock);
+  if (_impl->thread.joinable()) _impl->thread.detach();
+}
 
 FileMonitor::Status FileMonitor::GetStatus() const {
   return Status{_impl->limitReached.load(), _impl->overflowed.load(), _impl->watchCount.load()};

@@ -272,6 +272,26 @@ TEST_F(FileMonitorTest, NoDelegateRunsAfterStopWhileEventsPourIn) {
   (*monitor)->Stop();  // a second Stop is harmless
 }
 
+TEST_F(FileMonitorTest, StopFromTheDelegateAndFromAnotherThreadAtOnceEndsTheMonitor) {
+  FileMonitor* self = nullptr;
+  std::atomic<bool> inDelegate{false};
+  std::atomic<int> calls{0};
+  auto monitor = FileMonitor::WatchDirectory(Url::FromFile(_root.string()), true, [&](const FileMonitor::Event&) {
+    ++calls;
+    inDelegate = true;
+    // Gives the other thread time to enter Stop while this one is still in the delegate.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    self->Stop();
+  });
+  ASSERT_TRUE(monitor.HasValue());
+  self = monitor->get();
+  Touch(_root / "a");
+  while (!inDelegate) std::this_thread::yield();
+  (*monitor)->Stop();
+  EXPECT_EQ(calls.load(), 1) << "the delegate's Stop lets no further event through";
+  monitor->reset();
+}
+
 TEST_F(FileMonitorTest, DelegateMayDestroyItsOwnMonitor) {
   std::unique_ptr<FileMonitor> monitor;
   std::mutex lock;
