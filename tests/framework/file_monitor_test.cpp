@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "kelvo/file_monitor.h"
+#include "kelvo/log.h"
 
 using namespace kelvo;
 namespace fs = std::filesystem;
@@ -231,6 +232,10 @@ TEST_F(FileMonitorTest, QueueOverflowIsSignalledAndDeliveryGoesOn) {
 
 TEST_F(FileMonitorTest, WatchLimitIsReportedOnceAndWatchedPartsKeepReporting) {
   for (const char* d : {"a", "b", "c", "d", "e"}) fs::create_directories(_root / d);
+  std::atomic<int> warnings{0};
+  LogSink previous = SetLogSink([&](LOGLEVEL level, const std::string&) {
+    if (level == LOGLEVEL::WARNING) ++warnings;
+  });
   FileMonitor::Options options;
   options.maxWatches = 3;
   Start(options);
@@ -245,6 +250,8 @@ TEST_F(FileMonitorTest, WatchLimitIsReportedOnceAndWatchedPartsKeepReporting) {
   auto events = _recorder.Events();
   EXPECT_EQ(std::count_if(events.begin(), events.end(), [](const auto& e) { return e.state == STATE::RESCAN; }), 1);
   EXPECT_EQ(_recorder.CountPath(_root / "top"), 2u) << "CREATED and MODIFIED in the watched root";
+  EXPECT_EQ(warnings.load(), 1);
+  SetLogSink(previous);
 }
 
 TEST_F(FileMonitorTest, NoDelegateRunsAfterStopWhileEventsPourIn) {
