@@ -6,30 +6,19 @@
 #include <mutex>
 #include <set>
 
-#include "kelvo/url.h"
-
 namespace kelvo {
-
-namespace {
 
 using Content = std::shared_ptr<const std::string>;
 
-struct MemoryFiles {
+struct MemoryFileTree::State {
   std::mutex lock;
-  std::map<std::string, Content> files; // by path, without a trailing "/"
+  std::map<std::string, Content> files; // by key
 };
 
-MemoryFiles& Files() {
-  static auto* files = new MemoryFiles();
-  return *files;
-}
+namespace {
 
-std::string Key(const Url& url) {
-  std::string p = url.GetPath();
-  while (!p.empty() && p.back() == '/') p.pop_back();
-  while (!p.empty() && p.front() == '/') p.erase(0, 1);
-  return p;
-}
+// The keys below key start with this prefix.
+std::string ChildPrefix(const std::string& key) { return key.empty() ? key : key + "/"; }
 
 class MemoryInputStream final : public InputStream {
 public:
@@ -48,9 +37,9 @@ private:
 };
 
 // Collects the bytes and publishes them on Close, so readers never see a partial file.
-class MemoryOutputStream final : public OutputStream {
+template <typename State> class MemoryOutputStream final : public OutputStream {
 public:
-  explicit MemoryOutputStream(std::string key) : _key(std::move(key)) {}
+  MemoryOutputStream(std::shared_ptr<State> state, std::string key) : _state(std::move(state)), _key(std::move(key)) {}
   Result<void> Write(const void* data, std::size_t size) override {
     if (_closed) return IllegalStateError("Write after close of memory file @.", _key);
     _buffer.append(static_cast<const char*>(data), size);
@@ -59,75 +48,116 @@ public:
   Result<void> Close() override {
     if (_closed) return {};
     _closed = true;
-    auto& f = Files();
-    std::lock_guard guard(f.lock);
-    f.files[_key] = std::make_shared<const std::string>(std::move(_buffer));
+    std::lock_guard guard(_state->lock);
+    _state->files[_key] = std::make_shared<const std::string>(std::move(_buffer));
     return {};
   }
 
 private:
+  std::shared_ptr<State> _state;
   std::string _key;
   std::string _buffer;
   bool _closed = false;
 };
 
+} // namespace
+
+MemoryFileTree::MemoryFileTree() : _state(std::make_shared<State>()) {}
+
+IODETECT MemoryFileTree::Detect(const std::string& key) const {
+  std::lock_guard guard(_state->lock);
+  if (!key.empty() && _state->files.count(key)) return IODETECT::FILE;
+  const std::string prefix = ChildPrefix(key);
+  auto it = _state->files.lower_bound(prefix);
+  return it != _state->files.end() && it->first.starts_with(prefix) ? IODETECT::DIRECTORY : IODETECT::NONE;
+}
+
+void MemoryFileTree::Delete(const std::string& key, bool recursive) {
+  std::lock_guard guard(_state->lock);
+  _state->files.erase(key);
+  if (!recursive) return;
+  const std::string prefix = ChildPrefix(key);
+  for (auto it = _state->files.lower_bound(prefix); it != _state->files.end() && it->first.starts_with(prefix);)
+    it = _state->files.erase(it);
+}
+
+std::vector<std::string> MemoryFileTree::ChildNames(const std::string& key) const {
+  const std::string prefix = ChildPrefix(key);
+  std::set<std::string> names;
+  std::lock_guard guard(_state->lock);
+  for (auto it = _state->files.lower_bound(prefix); it != _state->files.end() && it->first.starts_with(prefix); ++it) {
+    const std::string rest = it->first.substr(prefix.size());
+    names.insert(rest.substr(0, rest.find('/')));
+  }
+  return {names.begin(), names.end()};
+}
+
+bool MemoryFileTree::Rename(const std::string& from, const std::string& to) {
+  std::lock_guard guard(_state->lock);
+  auto it = _state->files.find(from);
+  if (it == _state->files.end()) return false;
+  Content c = it->second;
+  _state->files.erase(it);
+  _state->files[to] = std::move(c);
+  return true;
+}
+
+std::unique_ptr<InputStream> MemoryFileTree::Open(const std::string& key) const {
+  std::lock_guard guard(_state->lock);
+  auto it = _state->files.find(key);
+  if (it == _state->files.end()) return nullptr;
+  return std::make_unique<MemoryInputStream>(it->second);
+}
+
+std::unique_ptr<OutputStream> MemoryFileTree::Create(const std::string& key) {
+  return std::make_unique<MemoryOutputStream<State>>(_state, key);
+}
+
+void MemoryFileTree::Clear(const std::string& prefix) {
+  std::lock_guard guard(_state->lock);
+  for (auto it = _state->files.lower_bound(prefix); it != _state->files.end() && it->first.starts_with(prefix);)
+    it = _state->files.erase(it);
+}
+
+namespace {
+
+MemoryFileTree& Files() {
+  static auto* files = new MemoryFileTree();
+  return *files;
+}
+
+std::string Key(const Url& url) {
+  std::string p = url.GetPath();
+  while (!p.empty() && p.back() == '/') p.pop_back();
+  while (!p.empty() && p.front() == '/') p.erase(0, 1);
+  return p;
+}
+
 class MemoryIoHandler final : public IoHandler {
 public:
   std::string GetUrlScheme() const override { return "memory"; }
-  IODETECT IoDetect(const Url& url) const override {
-    const std::string key = Key(url);
-    auto& f = Files();
-    std::lock_guard guard(f.lock);
-    if (f.files.count(key)) return IODETECT::FILE;
-    auto it = f.files.lower_bound(key + "/");
-    return it != f.files.end() && it->first.starts_with(key + "/") ? IODETECT::DIRECTORY : IODETECT::NONE;
-  }
+  IODETECT IoDetect(const Url& url) const override { return Files().Detect(Key(url)); }
   Result<void> IoCreateDirectory(const Url&, bool) const override { return {}; }
   Result<void> IoDelete(const Url& url, bool recursive) const override {
-    const std::string key = Key(url);
-    auto& f = Files();
-    std::lock_guard guard(f.lock);
-    f.files.erase(key);
-    if (recursive) {
-      for (auto it = f.files.lower_bound(key + "/"); it != f.files.end() && it->first.starts_with(key + "/");)
-        it = f.files.erase(it);
-    }
+    Files().Delete(Key(url), recursive);
     return {};
   }
   Result<std::vector<Url>> IoBrowse(const Url& url) const override {
-    const std::string prefix = Key(url) + "/";
-    std::set<std::string> names;
-    {
-      auto& f = Files();
-      std::lock_guard guard(f.lock);
-      for (auto it = f.files.lower_bound(prefix); it != f.files.end() && it->first.starts_with(prefix); ++it) {
-        const std::string rest = it->first.substr(prefix.size());
-        names.insert(rest.substr(0, rest.find('/')));
-      }
-    }
     std::vector<Url> children;
-    for (const auto& n : names) children.push_back(url.Append(n));
+    for (const auto& n : Files().ChildNames(Key(url))) children.push_back(url.Append(n));
     return children;
   }
   Result<void> IoRename(const Url& from, const Url& to) const override {
-    auto& f = Files();
-    std::lock_guard guard(f.lock);
-    auto it = f.files.find(Key(from));
-    if (it == f.files.end()) return IoError("Can't rename @: no such memory file", from);
-    Content c = it->second;
-    f.files.erase(it);
-    f.files[Key(to)] = std::move(c);
+    if (!Files().Rename(Key(from), Key(to))) return IoError("Can't rename @: no such memory file", from);
     return {};
   }
   Result<std::unique_ptr<InputStream>> OpenInputStream(const Url& url) const override {
-    auto& f = Files();
-    std::lock_guard guard(f.lock);
-    auto it = f.files.find(Key(url));
-    if (it == f.files.end()) return IoError("Can't open @: no such memory file", url);
-    return std::unique_ptr<InputStream>(std::make_unique<MemoryInputStream>(it->second));
+    auto in = Files().Open(Key(url));
+    if (!in) return IoError("Can't open @: no such memory file", url);
+    return in;
   }
   Result<std::unique_ptr<OutputStream>> OpenOutputStream(const Url& url) const override {
-    return std::unique_ptr<OutputStream>(std::make_unique<MemoryOutputStream>(Key(url)));
+    return Files().Create(Key(url));
   }
 };
 
@@ -138,11 +168,6 @@ void RegisterMemoryIoHandler() {
   std::call_once(once, [] { RegisterIoHandler(std::make_shared<MemoryIoHandler>()); });
 }
 
-void ClearMemoryFiles(const std::string& prefix) {
-  auto& f = Files();
-  std::lock_guard guard(f.lock);
-  for (auto it = f.files.lower_bound(prefix); it != f.files.end() && it->first.starts_with(prefix);)
-    it = f.files.erase(it);
-}
+void ClearMemoryFiles(const std::string& prefix) { Files().Clear(prefix); }
 
 } // namespace kelvo

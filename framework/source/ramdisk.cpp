@@ -1,0 +1,540 @@
+#include "kelvo/ramdisk.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <map>
+#include <set>
+#include <shared_mutex>
+#include <unordered_map>
+
+namespace kelvo {
+
+namespace {
+
+// Longer names would fail in the mirror's file system with a less helpful error.
+constexpr std::size_t kMaxComponentLength = 255;
+constexpr std::size_t kMaxPathLength = 4000;
+
+Result<void> CheckComponent(std::string_view c, std::string_view whole) {
+  if (c.empty() || c == "." || c == "..")
+    return IllegalArgumentError("Refused RAM disk path @: empty, \".\" or \"..\" component", whole);
+  if (c.find('/') != std::string_view::npos || c.find('\0') != std::string_view::npos)
+    return IllegalArgumentError("Refused RAM disk path @: \"/\" or NUL inside a name", whole);
+  if (c.size() > kMaxComponentLength) return IllegalArgumentError("Refused RAM disk path @: name too long", whole);
+  return {};
+}
+
+std::string Join(const std::vector<std::string>& components) {
+  std::string path;
+  for (const auto& c : components) path += (path.empty() ? "" : "/") + c;
+  return path;
+}
+
+std::string ErrnoText() { return std::strerror(errno); }
+
+bool IsUnreserved(unsigned char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
+         c == '_' || c == '~';
+}
+
+// The path "a/b c" as "a/b%20c": each component escaped, the separators kept.
+std::string EncodePath(std::string_view text) {
+  static const char* hex = "0123456789ABCDEF";
+  std::string out;
+  for (unsigned char c : text) {
+    if (IsUnreserved(c) || c == '/') {
+      out += static_cast<char>(c);
+    } else {
+      out += '%';
+      out += hex[c >> 4];
+      out += hex[c & 15];
+    }
+  }
+  return out;
+}
+
+// One fetch of one file; later readers of that file wait for it.
+struct FetchState {
+  std::mutex lock;
+  std::condition_variable done;
+  bool finished = false;
+  Error error;
+};
+
+enum class MirrorProbe { ABSENT, PRESENT, BLOCKED };
+
+// A mirrored file is a regular file; anything else in its place (a symlink, a directory, a
+// FIFO) is never read nor replaced.
+MirrorProbe Probe(const std::string& path, std::uint64_t* size = nullptr) {
+  struct stat st{};
+  if (::lstat(path.c_str(), &st) != 0) return errno == ENOENT ? MirrorProbe::ABSENT : MirrorProbe::BLOCKED;
+  if (!S_ISREG(st.st_mode)) return MirrorProbe::BLOCKED;
+  if (size) *size = static_cast<std::uint64_t>(st.st_size);
+  return MirrorProbe::PRESENT;
+}
+
+} // namespace
+
+struct RamDisk::MountState {
+  struct FileEntry {
+    DataDictionary flags;
+    bool cached = false; // fetched or seen in the mirror since the last drop, for notifications
+  };
+
+  Url remote;
+  mutable std::shared_mutex lock; // guards the fields below
+  std::string mirrorRoot;         // a local path without a trailing "/"
+  std::unordered_map<std::string, FileEntry> files;
+  std::unordered_map<std::string, std::set<std::string>> directories; // "" is the root
+
+  std::mutex fetchesLock;
+  std::unordered_map<std::string, std::shared_ptr<FetchState>> fetches; // by relative path
+
+  std::string MirrorRoot() const {
+    std::shared_lock guard(lock);
+    return mirrorRoot;
+  }
+  std::string MirrorPath(const std::string& rel) const { return MirrorRoot() + "/" + rel; }
+
+  Result<void> Declare(const std::vector<std::string>& components, const DataDictionary& flags) {
+    const std::string rel = Join(components);
+    if (components.empty()) return IllegalArgumentError("Refused RAM disk file without a name");
+    for (const auto& c : components) KELVO_RETURN_ON_ERROR(CheckComponent(c, rel));
+    if (rel.size() > kMaxPathLength) return IllegalArgumentError("Refused RAM disk path @: too long", rel);
+    std::unique_lock guard(lock);
+    if (directories.count(rel)) return IllegalArgumentError("Can't declare @: a directory of that name exists", rel);
+    std::string dir;
+    for (std::size_t i = 0; i + 1 < components.size(); ++i) {
+      dir += (i ? "/" : "") + components[i];
+      if (files.count(dir)) return IllegalArgumentError("Can't declare @: @ is a file", rel, dir);
+    }
+    // Only now that nothing can fail is the tree changed.
+    std::string parent;
+    for (std::size_t i = 0; i < components.size(); ++i) {
+      directories[parent].insert(components[i]);
+      parent += (i ? "/" : "") + components[i];
+    }
+    files[rel].flags = flags;
+    return {};
+  }
+
+  // The files at or below rel; an io error when rel names nothing.
+  Result<std::vector<std::string>> FilesAt(const std::string& rel, const Url& url) const {
+    std::shared_lock guard(lock);
+    if (files.count(rel)) return std::vector<std::string>{rel};
+    if (!rel.empty() && !directories.count(rel)) return IoError("@ names no file or directory of the RAM disk.", url);
+    std::vector<std::string> found;
+    std::vector<std::string> pending{rel};
+    while (!pending.empty()) {
+      const std::string dir = std::move(pending.back());
+      pending.pop_back();
+      auto it = directories.find(dir);
+      if (it == directories.end()) continue;
+      for (const std::string& name : it->second) {
+        const std::string child = dir.empty() ? name : dir + "/" + name;
+        (files.count(child) ? found : pending).push_back(child);
+      }
+    }
+    return found;
+  }
+};
+
+// The parts of a disk that the URL handler and the service operations reach.
+struct RamDiskAccess {
+  static std::shared_ptr<RamDisk::MountState> GetMount(const RamDisk& disk) {
+    std::lock_guard guard(disk._lock);
+    return disk._mount;
+  }
+  static std::shared_ptr<HttpFetcher> GetFetcher(const RamDisk& disk) {
+    std::lock_guard guard(disk._lock);
+    return disk._fetcher;
+  }
+  static MemoryFileTree& GetMemory(RamDisk& disk) { return disk._memory; }
+};
+
+namespace {
+
+using MountState = RamDisk::MountState;
+
+Url FileUrl(const RamDisk& disk, const std::string& rel) {
+  return Url(std::string(kRamDiskScheme), rel.empty() ? disk.GetName() : disk.GetName() + "/" + rel);
+}
+
+// Creates the directories of rel's parent below the mirror root, refusing any component that
+// is not a real directory, so that a planted symlink can't divert a write out of the mirror.
+Result<void> MakeMirrorDirectories(const std::string& root, const std::string& rel) {
+  // The root itself is the caller's choice of place and is made with its parents.
+  KELVO_RETURN_ON_ERROR(Url::FromFile(root).IoCreateDirectory(true));
+  std::string path = root;
+  std::size_t pos = 0;
+  for (std::size_t slash; (slash = rel.find('/', pos)) != std::string::npos; pos = slash + 1) {
+    path += "/" + rel.substr(pos, slash - pos);
+    if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return IoError("Can't create @: @", path, ErrnoText());
+    struct stat st{};
+    if (::lstat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+      return IoError("Can't mirror @: @ is not a directory", rel, path);
+  }
+  return {};
+}
+
+void MarkCached(RamDisk& disk, MountState& mount, const std::string& rel) {
+  bool changed = false;
+  {
+    std::unique_lock guard(mount.lock);
+    auto it = mount.files.find(rel);
+    if (it != mount.files.end() && !it->second.cached) changed = it->second.cached = true;
+  }
+  if (changed) disk.ObservableLoadIntoCacheChange().Notify(FileUrl(disk, rel), true);
+}
+
+// Fetches rel into the mirror unless it is there; returns the mirror path. Concurrent callers for
+// one file share one fetch. A caller whose wait ends in someone else's cancellation fetches
+// itself, since that cancellation was not its own.
+Result<std::string> EnsureMirrored(RamDisk& disk, MountState& mount, const std::string& rel,
+                                   const HttpProgress& progress = {}) {
+  for (;;) {
+    const std::string root = mount.MirrorRoot();
+    const std::string path = root + "/" + rel;
+    const MirrorProbe probe = Probe(path);
+    if (probe == MirrorProbe::BLOCKED) return IoError("Can't read mirror file @: it is not a regular file", path);
+    if (probe == MirrorProbe::PRESENT) {
+      MarkCached(disk, mount, rel);
+      return path;
+    }
+    std::shared_ptr<FetchState> fetch;
+    bool mine = false;
+    {
+      std::lock_guard guard(mount.fetchesLock);
+      auto [it, inserted] = mount.fetches.try_emplace(rel);
+      if (inserted) it->second = std::make_shared<FetchState>();
+      fetch = it->second;
+      mine = inserted;
+    }
+    if (!mine) {
+      std::unique_lock guard(fetch->lock);
+      fetch->done.wait(guard, [&] { return fetch->finished; });
+      if (fetch->error && !fetch->error.Is(errors::OperationCancelledError)) return fetch->error;
+      continue; // fetched (or cancelled by its owner): look again
+    }
+    Result<void> result;
+    // A fetch that ended between the probe and the registration has left the file.
+    if (Probe(path) != MirrorProbe::PRESENT) {
+      Url remote = mount.remote.Append(EncodePath(rel));
+      {
+        std::shared_lock guard(mount.lock);
+        auto it = mount.files.find(rel);
+        if (it != mount.files.end())
+          for (const auto& [key, value] : it->second.flags) remote.SetData(key, value);
+      }
+      // Declared names are checked, so the path stays below the mirror root.
+      result = MakeMirrorDirectories(root, rel);
+      if (result.HasValue()) {
+        auto fetched = RamDiskAccess::GetFetcher(disk)->FetchToFile(remote, Url::FromFile(path), progress);
+        if (fetched.HasError()) result = fetched.GetError();
+      }
+    }
+    {
+      std::lock_guard guard(mount.fetchesLock);
+      mount.fetches.erase(rel);
+    }
+    {
+      std::lock_guard guard(fetch->lock);
+      fetch->finished = true;
+      fetch->error = result.HasError() ? result.GetError() : Error();
+    }
+    fetch->done.notify_all();
+    if (result.HasError()) return result.GetError();
+    MarkCached(disk, mount, rel);
+    return path;
+  }
+}
+
+struct Located {
+  RamDiskRef disk;
+  std::string rel;
+};
+
+// Splits "name/a/b" into the disk and "a/b". Repeated "/" are ignored; "." and ".." are refused.
+Result<Located> Locate(const Url& url) {
+  if (url.GetScheme() != kRamDiskScheme) return IllegalArgumentError("@ is no RAM disk URL.", url);
+  std::vector<std::string> parts;
+  std::string_view path = url.GetPath();
+  std::size_t pos = 0;
+  while (pos <= path.size()) {
+    std::size_t next = path.find('/', pos);
+    if (next == std::string_view::npos) next = path.size();
+    std::string_view part = path.substr(pos, next - pos);
+    if (!part.empty()) {
+      KELVO_RETURN_ON_ERROR(CheckComponent(part, path));
+      parts.emplace_back(part);
+    }
+    pos = next + 1;
+  }
+  if (parts.empty()) return IllegalArgumentError("@ names no RAM disk.", url);
+  Located located;
+  located.disk = RamDiskService::FindExisting(parts.front());
+  if (!located.disk) return IoError("@: no RAM disk named @", url, parts.front());
+  parts.erase(parts.begin());
+  located.rel = Join(parts);
+  return located;
+}
+
+Error ReadOnlyError(const Url& url, const MountState& mount) {
+  return UnsupportedOperationError("Can't change @: the RAM disk mirrors @ and is read-only.", url,
+                                   HttpFetcher::ToRequestText(mount.remote).GetValueOr(mount.remote.ToString()));
+}
+
+class RamDiskIoHandler final : public IoHandler {
+public:
+  std::string GetUrlScheme() const override { return std::string(kRamDiskScheme); }
+
+  IODETECT IoDetect(const Url& url) const override {
+    Result<Located> at = Locate(url);
+    if (at.HasError()) return IODETECT::NONE;
+    if (at->rel.empty()) return IODETECT::DIRECTORY;
+    auto mount = RamDiskAccess::GetMount(*at->disk);
+    if (!mount) return RamDiskAccess::GetMemory(*at->disk).Detect(at->rel);
+    std::shared_lock guard(mount->lock);
+    if (mount->files.count(at->rel)) return IODETECT::FILE;
+    return mount->directories.count(at->rel) ? IODETECT::DIRECTORY : IODETECT::NONE;
+  }
+
+  Result<std::vector<Url>> IoBrowse(const Url& url) const override {
+    KELVO_ASSIGN_OR_RETURN(Located at, Locate(url));
+    std::vector<std::string> names;
+    if (auto mount = RamDiskAccess::GetMount(*at.disk)) {
+      std::shared_lock guard(mount->lock);
+      auto it = mount->directories.find(at.rel);
+      if (it != mount->directories.end()) names.assign(it->second.begin(), it->second.end());
+      else if (!at.rel.empty()) return IoError("Can't list @: no such directory", url);
+    } else {
+      MemoryFileTree& memory = RamDiskAccess::GetMemory(*at.disk);
+      if (!at.rel.empty() && memory.Detect(at.rel) != IODETECT::DIRECTORY)
+        return IoError("Can't list @: no such directory", url);
+      names = memory.ChildNames(at.rel);
+    }
+    std::vector<Url> children;
+    children.reserve(names.size());
+    for (const std::string& n : names) children.push_back(FileUrl(*at.disk, at.rel.empty() ? n : at.rel + "/" + n));
+    return children;
+  }
+
+  Result<std::unique_ptr<InputStream>> OpenInputStream(const Url& url) const override {
+    KELVO_ASSIGN_OR_RETURN(Located at, Locate(url));
+    auto mount = RamDiskAccess::GetMount(*at.disk);
+    if (!mount) {
+      auto in = RamDiskAccess::GetMemory(*at.disk).Open(at.rel);
+      if (!in) return IoError("Can't open @: no such file", url);
+      return in;
+    }
+    {
+      std::shared_lock guard(mount->lock);
+      if (!mount->files.count(at.rel))
+        return IoError(mount->directories.count(at.rel) || at.rel.empty() ? "Can't open @: it is a directory"
+                                                                           : "Can't open @: no such file",
+                       url);
+    }
+    // A mirrored file removed between the check and the open is fetched again, once.
+    for (int attempt = 0;; ++attempt) {
+      KELVO_ASSIGN_OR_RETURN(const std::string path, EnsureMirrored(*at.disk, *mount, at.rel));
+      auto in = Url::FromFile(path).OpenInputStream();
+      if (in.HasValue() || attempt > 0 || Probe(path) != MirrorProbe::ABSENT) return in;
+    }
+  }
+
+  Result<std::unique_ptr<OutputStream>> OpenOutputStream(const Url& url) const override {
+    KELVO_ASSIGN_OR_RETURN(Located at, Locate(url));
+    if (auto mount = RamDiskAccess::GetMount(*at.disk)) return ReadOnlyError(url, *mount);
+    if (at.rel.empty()) return IoError("Can't write @: it is the root directory", url);
+    return RamDiskAccess::GetMemory(*at.disk).Create(at.rel);
+  }
+
+  Result<void> IoCreateDirectory(const Url& url, bool) const override {
+    KELVO_ASSIGN_OR_RETURN(Located at, Locate(url));
+    if (auto mount = RamDiskAccess::GetMount(*at.disk)) return ReadOnlyError(url, *mount);
+    return {}; // directories of the in-memory tree exist as prefixes of their files
+  }
+
+  Result<void> IoDelete(const Url& url, bool recursive) const override {
+    KELVO_ASSIGN_OR_RETURN(Located at, Locate(url));
+    if (auto mount = RamDiskAccess::GetMount(*at.disk)) return ReadOnlyError(url, *mount);
+    RamDiskAccess::GetMemory(*at.disk).Delete(at.rel, recursive);
+    return {};
+  }
+
+  Result<void> IoRename(const Url& from, const Url& to) const override {
+    KELVO_ASSIGN_OR_RETURN(Located a, Locate(from));
+    KELVO_ASSIGN_OR_RETURN(Located b, Locate(to));
+    if (auto mount = RamDiskAccess::GetMount(*a.disk)) return ReadOnlyError(from, *mount);
+    if (a.disk != b.disk) return UnsupportedArgumentError("Can't rename @ to @: another RAM disk", from, to);
+    if (!RamDiskAccess::GetMemory(*a.disk).Rename(a.rel, b.rel)) return IoError("Can't rename @: no such file", from);
+    return {};
+  }
+};
+
+struct DiskTable {
+  std::mutex lock;
+  std::map<std::string, RamDiskRef, std::less<>> disks;
+  std::uint64_t generated = 0;
+};
+
+DiskTable& Disks() {
+  static auto* table = new DiskTable();
+  return *table;
+}
+
+std::string TrimmedPath(const Url& url) {
+  std::string p = url.GetPath();
+  while (p.size() > 1 && p.back() == '/') p.pop_back();
+  return p;
+}
+
+} // namespace
+
+RamDisk::RamDisk(std::string name) : _name(std::move(name)), _fetcher(std::make_shared<HttpFetcher>()) {}
+
+Url RamDisk::GetRoot() const { return Url(std::string(kRamDiskScheme), _name); }
+
+void RamDisk::SetHttpOptions(const HttpOptions& options) {
+  auto fetcher = std::make_shared<HttpFetcher>(options);
+  std::lock_guard guard(_lock);
+  _fetcher = std::move(fetcher);
+}
+
+Result<RamDisk::DeclareFileDelegate> RamDisk::Mount(const Url& remoteUrl, const Url& mirrorDirectory) {
+  KELVO_RETURN_ON_ERROR(HttpFetcher::ToRequestText(remoteUrl));
+  if (mirrorDirectory.GetScheme() != "file" || mirrorDirectory.GetPath().empty())
+    return IllegalArgumentError("Can't mirror @ in @: not a local directory", remoteUrl, mirrorDirectory);
+  KELVO_RETURN_ON_ERROR(mirrorDirectory.IoCreateDirectory(true));
+  auto mount = std::make_shared<MountState>();
+  mount->remote = remoteUrl;
+  mount->mirrorRoot = TrimmedPath(mirrorDirectory);
+  {
+    std::lock_guard guard(_lock);
+    _mount = mount;
+  }
+  _memory.Clear("");
+  return DeclareFileDelegate([mount](const std::vector<std::string>& components, const DataDictionary& flags) {
+    return mount->Declare(components, flags);
+  });
+}
+
+RamDiskRef RamDiskService::FindExisting(std::string_view name) {
+  auto& t = Disks();
+  std::lock_guard guard(t.lock);
+  auto it = t.disks.find(name);
+  return it == t.disks.end() ? nullptr : it->second;
+}
+
+Result<RamDiskRef> RamDiskService::Create(std::string_view name) {
+  if (!name.empty()) KELVO_RETURN_ON_ERROR(CheckComponent(name, name));
+  RegisterRamDiskIoHandler();
+  auto& t = Disks();
+  std::lock_guard guard(t.lock);
+  std::string chosen(name);
+  while (chosen.empty() || (name.empty() && t.disks.count(chosen))) chosen = "disk-" + std::to_string(++t.generated);
+  if (t.disks.count(chosen)) return IllegalStateError("A RAM disk named @ exists already.", chosen);
+  auto disk = std::make_shared<RamDisk>(chosen);
+  t.disks.emplace(chosen, disk);
+  return disk;
+}
+
+void RamDiskService::Remove(std::string_view name) {
+  RamDiskRef dropped; // released after the lock
+  auto& t = Disks();
+  std::lock_guard guard(t.lock);
+  auto it = t.disks.find(name);
+  if (it == t.disks.end()) return;
+  dropped = std::move(it->second);
+  t.disks.erase(it);
+}
+
+Result<void> RamDiskService::ChangeRamDiskMirrorPath(const Url& oldPath, const Url& newPath) {
+  if (oldPath.GetScheme() != "file" || newPath.GetScheme() != "file")
+    return IllegalArgumentError("Can't move RAM disk mirrors from @ to @: not local directories", oldPath, newPath);
+  const std::string from = TrimmedPath(oldPath), to = TrimmedPath(newPath);
+  std::vector<RamDiskRef> disks;
+  {
+    auto& t = Disks();
+    std::lock_guard guard(t.lock);
+    for (const auto& [name, disk] : t.disks) disks.push_back(disk);
+  }
+  for (const RamDiskRef& disk : disks) {
+    auto mount = RamDiskAccess::GetMount(*disk);
+    if (!mount) continue;
+    std::vector<std::string> dropped;
+    {
+      std::unique_lock guard(mount->lock);
+      const std::string& root = mount->mirrorRoot;
+      if (root != from && !(root.starts_with(from) && (from == "/" || root[from.size()] == '/'))) continue;
+      mount->mirrorRoot = to + root.substr(from.size());
+      for (auto& [rel, entry] : mount->files)
+        if (std::exchange(entry.cached, false)) dropped.push_back(rel);
+    }
+    for (const std::string& rel : dropped) disk->ObservableLoadIntoCacheChange().Notify(FileUrl(*disk, rel), false);
+  }
+  return {};
+}
+
+Result<bool> RamDiskService::IsInCache(const Url& directoryUrl) {
+  KELVO_ASSIGN_OR_RETURN(Located at, Locate(directoryUrl));
+  auto mount = RamDiskAccess::GetMount(*at.disk);
+  if (!mount) return true;
+  KELVO_ASSIGN_OR_RETURN(const std::vector<std::string> files, mount->FilesAt(at.rel, directoryUrl));
+  return std::all_of(files.begin(), files.end(),
+                     [&](const std::string& rel) { return Probe(mount->MirrorPath(rel)) == MirrorProbe::PRESENT; });
+}
+
+Result<void> RamDiskService::LoadIntoCache(const Url& directoryUrl, const RamDisk::LoadProgressDelegate& progress) {
+  KELVO_ASSIGN_OR_RETURN(Located at, Locate(directoryUrl));
+  auto mount = RamDiskAccess::GetMount(*at.disk);
+  if (!mount) return {};
+  KELVO_ASSIGN_OR_RETURN(const std::vector<std::string> files, mount->FilesAt(at.rel, directoryUrl));
+  std::uint64_t done = 0, total = 0;
+  std::vector<std::string> missing;
+  for (const std::string& rel : files) {
+    std::uint64_t size = 0;
+    if (Probe(mount->MirrorPath(rel), &size) == MirrorProbe::PRESENT)
+      done += size;
+    else
+      missing.push_back(rel);
+  }
+  total = done;
+  auto report = [&](std::uint64_t d, std::uint64_t t) -> Result<void> { return progress ? progress(d, t) : Result<void>(); };
+  KELVO_RETURN_ON_ERROR(report(done, total));
+  for (const std::string& rel : missing) {
+    const std::uint64_t base = done;
+    std::uint64_t announced = 0; // the size that this file has added to total
+    std::uint64_t reported = done;
+    auto fileProgress = [&](std::uint64_t d, std::uint64_t t) -> Result<void> {
+      if (t > announced) {
+        total += t - announced;
+        announced = t;
+      }
+      // A retried transfer starts again from 0: what is reported never goes back.
+      reported = std::max(reported, base + d);
+      total = std::max(total, reported);
+      return report(reported, total);
+    };
+    KELVO_ASSIGN_OR_RETURN(const std::string path, EnsureMirrored(*at.disk, *mount, rel, fileProgress));
+    std::uint64_t size = 0;
+    Probe(path, &size);
+    total = total - announced + size;
+    done = base + size;
+    KELVO_RETURN_ON_ERROR(report(done, total));
+  }
+  return {};
+}
+
+void RegisterRamDiskIoHandler() {
+  static std::once_flag once;
+  std::call_once(once, [] { RegisterIoHandler(std::make_shared<RamDiskIoHandler>()); });
+}
+
+} // namespace kelvo
