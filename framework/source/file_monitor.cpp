@@ -161,10 +161,6 @@ struct FileMonitor::Impl {
   // Adds a watch on the open directory dirFd, known as `name` in the directory of `parent`.
   // Returns the watch descriptor, or -1 when the directory stays unwatched.
   int AddWatch(int dirFd, int parent, const std::string& name, const std::string& relative) {
-    if (options.maxWatches && watchCount.load() >= options.maxWatches) {
-      ReportLimit(relative);
-      return -1;
-    }
     int wd;
     if (viaProc) {
       const std::string proc = "/proc/self/fd/" + std::to_string(dirFd);
@@ -179,6 +175,13 @@ struct FileMonitor::Impl {
       } else {
         DiagnosticOutput("File monitor can't watch @: @", JoinPath(rootPath, relative), ErrnoText(error));
       }
+      return -1;
+    }
+    // The own limit is checked after the kernel's answer: a directory that is already watched
+    // (found again after an overflow) keeps its watch at the limit.
+    if (options.maxWatches && !nodes.count(wd) && watchCount.load() >= options.maxWatches) {
+      ::inotify_rm_watch(inotifyFd, wd);
+      ReportLimit(relative);
       return -1;
     }
     auto [it, added] = nodes.try_emplace(wd);

@@ -208,24 +208,35 @@ TEST_F(FileMonitorTest, QueueOverflowIsSignalledAndDeliveryGoesOn) {
   limitFile >> queueLimit;
   if (queueLimit <= 0 || queueLimit > 100000) GTEST_SKIP() << "queue limit " << queueLimit << " is too large to fill";
 
-  // The first event blocks the monitor thread while the test fills the kernel's queue.
+  // The first event blocks the monitor thread while the test fills the kernel's queue. The
+  // monitor sits at its watch limit as well: the resynchronisation after the overflow must keep
+  // the watches it has.
+  fs::create_directories(_root / "d");
+  FileMonitor::Options options;
+  options.maxWatches = 2;
   std::mutex gate;
   std::unique_lock closed(gate);
   std::atomic<int> overflows{0};
-  auto monitor = FileMonitor::WatchDirectory(Url::FromFile(_root.string()), true, [&](const FileMonitor::Event& e) {
-    { std::lock_guard wait(gate); }
-    if (e.state == STATE::RESCAN && e.reason == FileMonitor::RESCANREASON::OVERFLOW) ++overflows;
-    _recorder(e);
-  });
+  auto monitor = FileMonitor::WatchDirectory(
+      Url::FromFile(_root.string()), true,
+      [&](const FileMonitor::Event& e) {
+        { std::lock_guard wait(gate); }
+        if (e.state == STATE::RESCAN && e.reason == FileMonitor::RESCANREASON::OVERFLOW) ++overflows;
+        _recorder(e);
+      },
+      options);
   ASSERT_TRUE(monitor.HasValue());
-  fs::create_directories(_root / "d");  // its watch must survive the resynchronisation after the overflow
+  fs::create_directories(_root / "e");  // over the limit
   // Two events per file; the thread may have read up to one buffer before it blocked.
   for (long i = 0; i < queueLimit + 1000; ++i) Touch(_root / ("f" + std::to_string(i)), "");
   closed.unlock();
 
-  ASSERT_TRUE(_recorder.WaitFor([](const auto& e) { return e.state == STATE::RESCAN; }));
-  EXPECT_TRUE((*monitor)->GetStatus().overflowed);
+  ASSERT_TRUE(_recorder.WaitFor([](const auto& e) { return e.reason == FileMonitor::RESCANREASON::OVERFLOW; }));
   EXPECT_GE(overflows.load(), 1);
+  const FileMonitor::Status status = (*monitor)->GetStatus();
+  EXPECT_TRUE(status.overflowed);
+  EXPECT_TRUE(status.watchLimitReached);
+  EXPECT_EQ(status.watches, 2u);
   Touch(_root / "d" / "after");
   ASSERT_TRUE(_recorder.WaitFor(STATE::MODIFIED, _root / "d" / "after"));
 }
