@@ -9,6 +9,8 @@ namespace kelvo {
 
 namespace {
 
+constexpr std::size_t kMaxCachedStatements = 256;
+
 double MonotonicSeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
@@ -300,8 +302,9 @@ Result<SqlStatement> SqlDatabase::Prepare(std::string_view sql) {
     }
   }
   cached->inUse = true;
-  if (it != _cache.end()) {
-    // The cached one is checked out further up this thread's stack: this one lives on its own.
+  if (it != _cache.end() || _cache.size() >= kMaxCachedStatements) {
+    // The cached one is checked out further up this thread's stack, or the cache is full: this
+    // one lives on its own.
     SqlStatement::Cached* raw = cached.get();
     return SqlStatement(this, std::move(lock), raw, std::move(cached));
   }

@@ -162,6 +162,19 @@ TEST_F(SqlDatabaseTest, ReceiverMayRunTheSameStatementAgainAndCanStopOrFail) {
   EXPECT_EQ(failed.GetError().GetMessage(), "receiver");
 }
 
+TEST_F(SqlDatabaseTest, StatementsWithValuesFormattedInDoNotGrowTheCacheWithoutBound) {
+  auto db = OpenDb();
+  for (long long i = 0; i < 400; ++i) {
+    std::int64_t got = -1;
+    ASSERT_TRUE(db->Query("SELECT " + std::to_string(i) + " + ?;", {i}, [&](const SqlStatement& row) -> Result<bool> {
+      got = row.GetInt64(0);
+      return true;
+    }).HasValue());
+    ASSERT_EQ(got, 2 * i);
+  }
+  EXPECT_LE(db->GetCachedStatementCount(), 256u);
+}
+
 TEST_F(SqlDatabaseTest, UserVersionDrivesAMigrationOnReopen) {
   auto migrate = [](SqlDatabase& db) -> Result<std::int32_t> {
     KELVO_ASSIGN_OR_RETURN(std::int32_t version, db.GetUserVersion());

@@ -8,6 +8,7 @@
 // holding it, so other threads wait until it is released and never run inside someone else's
 // transaction. Errors carry SQLite's message, its result code name and the statement.
 
+#include <concepts>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -15,6 +16,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 #include <variant>
 #include <vector>
@@ -44,9 +46,9 @@ public:
   SqlValue() = default;
   SqlValue(std::nullptr_t) {}
   SqlValue(bool v) : _v(std::int64_t(v ? 1 : 0)) {}
-  SqlValue(int v) : _v(std::int64_t(v)) {}
-  SqlValue(std::int64_t v) : _v(v) {}
-  SqlValue(std::uint64_t v) : _v(static_cast<std::int64_t>(v)) {}
+  template <std::integral N>
+    requires(!std::is_same_v<N, bool>)
+  SqlValue(N v) : _v(static_cast<std::int64_t>(v)) {}
   SqlValue(double v) : _v(v) {}
   SqlValue(std::string v) : _v(std::move(v)) {}
   SqlValue(std::string_view v) : _v(std::string(v)) {}
@@ -173,6 +175,8 @@ public:
   // Runs plain SQL, which may hold several statements separated by ";". Any thread.
   Result<void> Exec(std::string_view sql);
   // Checks out the cached statement for `sql`, preparing it on first use. Exactly one statement.
+  // The cache keeps the first 256 distinct texts; others are prepared for each use, so SQL with
+  // values formatted in can't grow it without bound.
   Result<SqlStatement> Prepare(std::string_view sql);
   // Binds parameters and runs one statement to its end. Any thread.
   Result<SqlChanges> Execute(std::string_view sql, std::span<const SqlValue> params = {});
