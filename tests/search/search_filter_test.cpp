@@ -28,6 +28,15 @@ struct ParseCase {
   std::vector<SearchTerm> terms;
 };
 
+void ExpectTerms(const std::vector<ParseCase>& cases) {
+  for (const ParseCase& c : cases) {
+    SearchFilter filter;
+    ASSERT_TRUE(filter.Parse(c.text).HasValue()) << c.text;
+    EXPECT_EQ(filter.GetTerms(), c.terms) << "text: " << c.text << "\nparsed: " << Describe(filter.GetTerms());
+    EXPECT_EQ(filter.GetFilterText(), c.text);
+  }
+}
+
 } // namespace
 
 TEST(SearchFilterParse, TermsValuesAndKeys) {
@@ -70,12 +79,7 @@ TEST(SearchFilterParse, TermsValuesAndKeys) {
       {"INSTALLED:MAYBE", {Term(installed, {"MAYBE"})}},
       {"CREATIONDATE:>=2024-01-31", {Term(timestamp, {">=2024-01-31"})}},
   };
-  for (const ParseCase& c : cases) {
-    SearchFilter filter;
-    ASSERT_TRUE(filter.Parse(c.text).HasValue()) << c.text;
-    EXPECT_EQ(filter.GetTerms(), c.terms) << "text: " << c.text << "\nparsed: " << Describe(filter.GetTerms());
-    EXPECT_EQ(filter.GetFilterText(), c.text);
-  }
+  ExpectTerms(cases);
 }
 
 TEST(SearchFilterParse, EveryKeyOfTheTableMapsToItsId) {
@@ -158,11 +162,7 @@ TEST(SearchFilterParse, DimensionsValuesBecomeCentimetres) {
       {"DIMENSIONS:>2m)", {Term(box, {">2M)"})}},
       {"DIMENSIONS:1e999", {Term(box, {"1E999"})}},
   };
-  for (const ParseCase& c : cases) {
-    SearchFilter filter;
-    ASSERT_TRUE(filter.Parse(c.text).HasValue());
-    EXPECT_EQ(filter.GetTerms(), c.terms) << c.text << "\nparsed: " << Describe(filter.GetTerms());
-  }
+  ExpectTerms(cases);
 }
 
 TEST(SearchFilterParse, ParsingAgainReplacesTermsAndFlags) {

@@ -10,6 +10,16 @@
 
 using namespace kelvo;
 
+namespace {
+
+// Checks parse(text) against the expected result of each case.
+template <typename T, typename F>
+void ExpectParsed(const std::vector<std::pair<const char*, std::optional<T>>>& cases, F parse) {
+  for (const auto& [text, expected] : cases) EXPECT_EQ(parse(text), expected) << text;
+}
+
+} // namespace
+
 TEST(ValueForms, ComparisonPrefixes) {
   using V = VALUEOPERATOR;
   struct PrefixCase {
@@ -55,7 +65,7 @@ TEST(ValueForms, Numbers) {
       {"12AB", std::nullopt},
       {" 1", std::nullopt},
   };
-  for (const auto& [text, expected] : cases) EXPECT_EQ(ParseNumber(text), expected) << text;
+  ExpectParsed(cases, ParseNumber);
 }
 
 TEST(ValueForms, RealNumbersRoundTrip) {
@@ -64,7 +74,7 @@ TEST(ValueForms, RealNumbersRoundTrip) {
       {"INF", std::nullopt}, {"-INF", std::nullopt}, {"NAN", std::nullopt}, {"1E999", std::nullopt},
       {"", std::nullopt}, {"1,5", std::nullopt}, {"0X10", std::nullopt},
   };
-  for (const auto& [text, expected] : cases) EXPECT_EQ(ParseReal(text), expected) << text;
+  ExpectParsed(cases, ParseReal);
   for (double v : {0.0, 1.0, 200.0, 0.1, 1.0 / 3.0, 60.96, 150000.0, 1e20, -2.5e-7, 1.7976931348623157e308}) {
     const std::string text = FormatReal(v);
     EXPECT_EQ(ParseReal(text), v) << text;
@@ -90,7 +100,7 @@ TEST(ValueForms, Dates) {
       {"99999999999-01-01", std::nullopt},
       {"", std::nullopt},
   };
-  for (const auto& [text, expected] : cases) EXPECT_EQ(ParseDate(text), expected) << text;
+  ExpectParsed(cases, ParseDate);
   EXPECT_LT(*ParseDate("2023-12-31"), *ParseDate("2024-01-01"));
 }
 
@@ -113,7 +123,7 @@ TEST(ValueForms, ByteSizes) {
       {"", std::nullopt},
       {"1E30", std::nullopt},
   };
-  for (const auto& [text, expected] : cases) EXPECT_EQ(ParseByteSize(text), expected) << text;
+  ExpectParsed(cases, ParseByteSize);
 }
 
 TEST(ValueForms, Booleans) {
@@ -121,7 +131,7 @@ TEST(ValueForms, Booleans) {
       {"YES", true}, {"TRUE", true}, {"1", true}, {"NO", false}, {"FALSE", false}, {"0", false},
       {"MAYBE", std::nullopt}, {"YESS", std::nullopt}, {"yes", std::nullopt}, {"", std::nullopt},
   };
-  for (const auto& [text, expected] : cases) EXPECT_EQ(ParseBoolean(text), expected) << text;
+  ExpectParsed(cases, ParseBoolean);
 }
 
 TEST(ValueForms, TextWithNumbersComparesDigitRunsByValue) {
