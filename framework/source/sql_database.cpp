@@ -231,7 +231,7 @@ Result<std::shared_ptr<SqlDatabase>> SqlDatabase::Open(const Url& file, const Op
   // Reading the journal mode reads the file header, so a file that isn't a database fails here.
   if (options.wal && !options.readOnly) {
     std::string mode;
-    KELVO_RETURN_ON_ERROR(db->Query("PRAGMA journal_mode=WAL;", {}, [&](const SqlStatement& row) -> Result<bool> {
+    KELVO_RETURN_ON_ERROR(db->ExecuteSQLQuery("PRAGMA journal_mode=WAL;", {}, [&](const SqlStatement& row) -> Result<bool> {
       mode = row.GetText(0);
       return false;
     }));
@@ -318,22 +318,18 @@ void SqlDatabase::Release(SqlStatement::Cached* cached) {
   cached->inUse = false;
 }
 
-Result<SqlChanges> SqlDatabase::Execute(std::string_view sql, std::span<const SqlValue> params) {
+Result<SqlChanges> SqlDatabase::ExecuteSQLQuery(std::string_view sql, std::span<const SqlValue> params,
+                                                const SqlRowReceiver& receiver) {
   KELVO_ASSIGN_OR_RETURN(SqlStatement statement, Prepare(sql));
   KELVO_RETURN_ON_ERROR(statement.BindAll(params));
-  return statement.Run();
-}
-
-Result<void> SqlDatabase::Query(std::string_view sql, std::span<const SqlValue> params,
-                                const SqlRowReceiver& receiver) {
-  KELVO_ASSIGN_OR_RETURN(SqlStatement statement, Prepare(sql));
-  KELVO_RETURN_ON_ERROR(statement.BindAll(params));
+  if (!receiver) return statement.Run();
   for (;;) {
     KELVO_ASSIGN_OR_RETURN(bool row, statement.Step());
-    if (!row) return {};
+    if (!row) break;
     KELVO_ASSIGN_OR_RETURN(bool more, receiver(statement));
-    if (!more) return {};
+    if (!more) break;
   }
+  return SqlChanges{sqlite3_changes64(_db), sqlite3_last_insert_rowid(_db)};
 }
 
 Result<SqlTransaction> SqlDatabase::BeginTransaction(TRANSACTIONMODE mode) {
@@ -358,7 +354,7 @@ Result<void> SqlDatabase::Vacuum() { return Exec("VACUUM;"); }
 
 Result<std::int32_t> SqlDatabase::GetUserVersion() {
   std::int32_t version = 0;
-  KELVO_RETURN_ON_ERROR(Query("PRAGMA user_version;", {}, [&](const SqlStatement& row) -> Result<bool> {
+  KELVO_RETURN_ON_ERROR(ExecuteSQLQuery("PRAGMA user_version;", {}, [&](const SqlStatement& row) -> Result<bool> {
     version = static_cast<std::int32_t>(row.GetInt64(0));
     return false;
   }));
@@ -373,7 +369,7 @@ Result<void> SqlDatabase::SetUserVersion(std::int32_t version) {
 Result<void> SqlDatabase::CheckIntegrity() {
   std::string problems;
   int count = 0;
-  KELVO_RETURN_ON_ERROR(Query("PRAGMA quick_check(10);", {}, [&](const SqlStatement& row) -> Result<bool> {
+  KELVO_RETURN_ON_ERROR(ExecuteSQLQuery("PRAGMA quick_check(10);", {}, [&](const SqlStatement& row) -> Result<bool> {
     std::string line = row.GetText(0);
     if (line == "ok") return false;
     problems += (count++ ? "; " : "") + line;

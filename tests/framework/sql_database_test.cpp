@@ -36,7 +36,7 @@ protected:
 
   static std::int64_t Count(SqlDatabase& db, const std::string& table) {
     std::int64_t n = -1;
-    auto r = db.Query("SELECT count(*) FROM " + table + ";", {}, [&](const SqlStatement& row) -> Result<bool> {
+    auto r = db.ExecuteSQLQuery("SELECT count(*) FROM " + table + ";", {}, [&](const SqlStatement& row) -> Result<bool> {
       n = row.GetInt64(0);
       return false;
     });
@@ -53,20 +53,20 @@ TEST_F(SqlDatabaseTest, AllTypesRoundTripThroughAFileAndAReopen) {
   {
     auto db = OpenDb();
     ASSERT_TRUE(db->Exec("CREATE TABLE t (i INTEGER, d REAL, s TEXT, b BLOB, n);").HasValue());
-    auto changes = db->Execute("INSERT INTO t VALUES (?, ?, ?, ?, ?);",
+    auto changes = db->ExecuteSQLQuery("INSERT INTO t VALUES (?, ?, ?, ?, ?);",
                                {std::int64_t(-9007199254740993), 2.5, text, blob, nullptr});
     ASSERT_TRUE(changes.HasValue()) << changes.GetError().ToString();
     EXPECT_EQ(changes->changes, 1);
     EXPECT_EQ(changes->lastInsertRowId, 1);
     // An empty blob stays an empty blob and a uint64 keeps its bits.
-    ASSERT_TRUE(db->Execute("INSERT INTO t VALUES (?, ?, ?, ?, ?);",
+    ASSERT_TRUE(db->ExecuteSQLQuery("INSERT INTO t VALUES (?, ?, ?, ?, ?);",
                             {std::uint64_t(0xfedcba9876543210ull), 0.0, "", Blob(), 1})
                     .HasValue());
     EXPECT_EQ(db->GetLastInsertRowId(), 2);
   }
   auto db = OpenDb();
   std::vector<std::vector<SqlValue>> rows;
-  ASSERT_TRUE(db->Query("SELECT i, d, s, b, n FROM t WHERE rowid >= ? ORDER BY rowid;", {1},
+  ASSERT_TRUE(db->ExecuteSQLQuery("SELECT i, d, s, b, n FROM t WHERE rowid >= ? ORDER BY rowid;", {1},
                         [&](const SqlStatement& row) -> Result<bool> {
                           EXPECT_EQ(row.GetColumnCount(), 5);
                           EXPECT_EQ(row.GetColumnName(3), "b");
@@ -91,17 +91,17 @@ TEST_F(SqlDatabaseTest, AllTypesRoundTripThroughAFileAndAReopen) {
 TEST_F(SqlDatabaseTest, ErrorsNameTheMessageAndTheStatement) {
   auto db = OpenDb();
   ASSERT_TRUE(db->Exec("CREATE TABLE m (k INTEGER NOT NULL, a TEXT UNIQUE);").HasValue());
-  auto nullViolation = db->Execute("INSERT INTO m VALUES ((SELECT 1 WHERE 0), ?);", {"x"});
+  auto nullViolation = db->ExecuteSQLQuery("INSERT INTO m VALUES ((SELECT 1 WHERE 0), ?);", {"x"});
   ASSERT_TRUE(nullViolation.HasError());
   EXPECT_NE(nullViolation.GetError().GetMessage().find("NOT NULL constraint failed"), std::string::npos);
   EXPECT_NE(nullViolation.GetError().GetMessage().find("INSERT INTO m VALUES"), std::string::npos);
 
-  auto syntax = db->Execute("SELEC 1;");
+  auto syntax = db->ExecuteSQLQuery("SELEC 1;");
   ASSERT_TRUE(syntax.HasError());
   EXPECT_NE(syntax.GetError().GetMessage().find("SELEC 1;"), std::string::npos);
-  EXPECT_TRUE(db->Execute("INSERT INTO m VALUES (?, ?);", {1}).HasError()) << "too few parameters";
+  EXPECT_TRUE(db->ExecuteSQLQuery("INSERT INTO m VALUES (?, ?);", {1}).HasError()) << "too few parameters";
   EXPECT_TRUE(db->Prepare("SELECT 1; SELECT 2;").HasError()) << "two statements in one Prepare";
-  EXPECT_TRUE(db->Execute("INSERT INTO m VALUES (?, ?);", {1, "a"}).HasValue()) << "a failure leaves it usable";
+  EXPECT_TRUE(db->ExecuteSQLQuery("INSERT INTO m VALUES (?, ?);", {1, "a"}).HasValue()) << "a failure leaves it usable";
 }
 
 TEST_F(SqlDatabaseTest, TransactionRollsBackUnlessCommittedAndNestsAsSavepoints) {
@@ -110,24 +110,24 @@ TEST_F(SqlDatabaseTest, TransactionRollsBackUnlessCommittedAndNestsAsSavepoints)
   {
     auto tx = db->BeginTransaction();
     ASSERT_TRUE(tx.HasValue()) << tx.GetError().ToString();
-    ASSERT_TRUE(db->Execute("INSERT INTO t VALUES (1, 'a');").HasValue());
+    ASSERT_TRUE(db->ExecuteSQLQuery("INSERT INTO t VALUES (1, 'a');").HasValue());
     // A failing statement in the middle: the guard goes out of scope without Commit.
-    ASSERT_TRUE(db->Execute("INSERT INTO t VALUES (1, 'duplicate');").HasError());
+    ASSERT_TRUE(db->ExecuteSQLQuery("INSERT INTO t VALUES (1, 'duplicate');").HasError());
   }
   EXPECT_EQ(Count(*db, "t"), 0);
 
   auto outer = db->BeginTransaction();
   ASSERT_TRUE(outer.HasValue());
-  ASSERT_TRUE(db->Execute("INSERT INTO t VALUES (1, 'kept');").HasValue());
+  ASSERT_TRUE(db->ExecuteSQLQuery("INSERT INTO t VALUES (1, 'kept');").HasValue());
   {
     auto inner = db->BeginTransaction();
     ASSERT_TRUE(inner.HasValue()) << inner.GetError().ToString();
-    ASSERT_TRUE(db->Execute("INSERT INTO t VALUES (2, 'dropped');").HasValue());
+    ASSERT_TRUE(db->ExecuteSQLQuery("INSERT INTO t VALUES (2, 'dropped');").HasValue());
   }
   {
     auto inner = db->BeginTransaction();
     ASSERT_TRUE(inner.HasValue());
-    ASSERT_TRUE(db->Execute("INSERT INTO t VALUES (3, 'kept');").HasValue());
+    ASSERT_TRUE(db->ExecuteSQLQuery("INSERT INTO t VALUES (3, 'kept');").HasValue());
     ASSERT_TRUE(inner->Commit().HasValue());
   }
   ASSERT_TRUE(outer->Commit().HasValue());
@@ -142,10 +142,10 @@ TEST_F(SqlDatabaseTest, ReceiverMayRunTheSameStatementAgainAndCanStopOrFail) {
   const std::string sql = "SELECT k FROM t WHERE k >= ? ORDER BY k;";
   const std::size_t cachedBefore = db->GetCachedStatementCount();
   std::vector<std::int64_t> pairs;
-  auto r = db->Query(sql, {1}, [&](const SqlStatement& outer) -> Result<bool> {
+  auto r = db->ExecuteSQLQuery(sql, {1}, [&](const SqlStatement& outer) -> Result<bool> {
     const std::int64_t k = outer.GetInt64(0);
     // The cached statement is checked out by the outer query; the inner one must not disturb it.
-    return db->Query(sql, {k}, [&](const SqlStatement& inner) -> Result<bool> {
+    return db->ExecuteSQLQuery(sql, {k}, [&](const SqlStatement& inner) -> Result<bool> {
       pairs.push_back(k * 10 + inner.GetInt64(0));
       return true;
     }).HasError() ? Result<bool>(IoError("inner failed")) : Result<bool>(true);
@@ -155,9 +155,9 @@ TEST_F(SqlDatabaseTest, ReceiverMayRunTheSameStatementAgainAndCanStopOrFail) {
   EXPECT_EQ(db->GetCachedStatementCount(), cachedBefore + 1) << "the inner copy isn't cached";
 
   int seen = 0;
-  ASSERT_TRUE(db->Query(sql, {1}, [&](const SqlStatement&) -> Result<bool> { return ++seen < 2; }).HasValue());
+  ASSERT_TRUE(db->ExecuteSQLQuery(sql, {1}, [&](const SqlStatement&) -> Result<bool> { return ++seen < 2; }).HasValue());
   EXPECT_EQ(seen, 2);
-  auto failed = db->Query(sql, {1}, [&](const SqlStatement&) -> Result<bool> { return IoError("receiver"); });
+  auto failed = db->ExecuteSQLQuery(sql, {1}, [&](const SqlStatement&) -> Result<bool> { return IoError("receiver"); });
   ASSERT_TRUE(failed.HasError());
   EXPECT_EQ(failed.GetError().GetMessage(), "receiver");
 }
@@ -166,7 +166,7 @@ TEST_F(SqlDatabaseTest, StatementsWithValuesFormattedInDoNotGrowTheCacheWithoutB
   auto db = OpenDb();
   for (long long i = 0; i < 400; ++i) {
     std::int64_t got = -1;
-    ASSERT_TRUE(db->Query("SELECT " + std::to_string(i) + " + ?;", {i}, [&](const SqlStatement& row) -> Result<bool> {
+    ASSERT_TRUE(db->ExecuteSQLQuery("SELECT " + std::to_string(i) + " + ?;", {i}, [&](const SqlStatement& row) -> Result<bool> {
       got = row.GetInt64(0);
       return true;
     }).HasValue());
@@ -192,7 +192,7 @@ TEST_F(SqlDatabaseTest, UserVersionDrivesAMigrationOnReopen) {
   auto from = migrate(*db);
   ASSERT_TRUE(from.HasValue()) << from.GetError().ToString();
   EXPECT_EQ(*from, 1);
-  EXPECT_TRUE(db->Execute("INSERT INTO a VALUES (?, ?);", {6, "new column"}).HasValue());
+  EXPECT_TRUE(db->ExecuteSQLQuery("INSERT INTO a VALUES (?, ?);", {6, "new column"}).HasValue());
   EXPECT_EQ(Count(*db, "a"), 2);
   db.reset();
   db = OpenDb();
@@ -206,7 +206,7 @@ TEST_F(SqlDatabaseTest, ReadersSeeTheLastCommitWhileAWriterWorks) {
   auto reader = OpenDb();
   auto tx = writer->BeginTransaction();
   ASSERT_TRUE(tx.HasValue());
-  ASSERT_TRUE(writer->Execute("INSERT INTO t VALUES (2);").HasValue());
+  ASSERT_TRUE(writer->ExecuteSQLQuery("INSERT INTO t VALUES (2);").HasValue());
 
   std::atomic<std::int64_t> seen{-1};
   std::thread readerThread([&] { seen = Count(*reader, "t"); });
@@ -229,7 +229,7 @@ TEST_F(SqlDatabaseTest, BusyWriterFailsAfterItsBudgetOrWaitsForTheCommit) {
   ASSERT_TRUE(refused.HasError());
   EXPECT_TRUE(refused.GetError().Is(errors::sqlbusy)) << refused.GetError().ToString();
   second->SetBusyTimeout(0.05, 3);
-  EXPECT_TRUE(second->Execute("INSERT INTO t VALUES (1);").GetError().Is(errors::sqlbusy));
+  EXPECT_TRUE(second->ExecuteSQLQuery("INSERT INTO t VALUES (1);").GetError().Is(errors::sqlbusy));
 
   // With a longer budget, the second waits and gets the lock once the first commits.
   second->SetBusyTimeout(10.0, 1000000);
@@ -237,11 +237,11 @@ TEST_F(SqlDatabaseTest, BusyWriterFailsAfterItsBudgetOrWaitsForTheCommit) {
   Result<SqlChanges> waited = IoError("not run");
   std::thread waiter([&] {
     started = true;
-    waited = second->Execute("INSERT INTO t VALUES (2);");
+    waited = second->ExecuteSQLQuery("INSERT INTO t VALUES (2);");
   });
   while (!started) std::this_thread::yield();
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  ASSERT_TRUE(first->Execute("INSERT INTO t VALUES (1);").HasValue());
+  ASSERT_TRUE(first->ExecuteSQLQuery("INSERT INTO t VALUES (1);").HasValue());
   ASSERT_TRUE(held->Commit().HasValue());
   waiter.join();
   ASSERT_TRUE(waited.HasValue()) << waited.GetError().ToString();
@@ -259,7 +259,7 @@ TEST_F(SqlDatabaseTest, ThreadsSharingOneConnectionDoNotEnterEachOthersTransacti
         ++failures;
         continue;
       }
-      if (db->Execute("INSERT INTO t VALUES (?);", {base + i}).HasError()) ++failures;
+      if (db->ExecuteSQLQuery("INSERT INTO t VALUES (?);", {base + i}).HasError()) ++failures;
       if (commit && tx->Commit().HasError()) ++failures;
     }
   };
@@ -293,7 +293,7 @@ TEST_F(SqlDatabaseTest, DamagedOrForeignFilesGiveErrorsNotCrashes) {
     ASSERT_TRUE(db->Exec("PRAGMA journal_mode=DELETE; CREATE TABLE t (k INTEGER, v TEXT);").HasValue());
     auto tx = db->BeginTransaction();
     for (int i = 0; i < 2000; ++i) {
-      ASSERT_TRUE(db->Execute("INSERT INTO t VALUES (?, ?);", {i, std::string(100, 'v')}).HasValue());
+      ASSERT_TRUE(db->ExecuteSQLQuery("INSERT INTO t VALUES (?, ?);", {i, std::string(100, 'v')}).HasValue());
     }
     ASSERT_TRUE(tx->Commit().HasValue());
   }
@@ -311,7 +311,7 @@ TEST_F(SqlDatabaseTest, DamagedOrForeignFilesGiveErrorsNotCrashes) {
   auto check = (*damaged)->CheckIntegrity();
   ASSERT_TRUE(check.HasError());
   EXPECT_TRUE(check.GetError().Is(errors::fileformat)) << check.GetError().ToString();
-  auto read = (*damaged)->Query("SELECT sum(length(v)) FROM t;", {}, [](const SqlStatement&) -> Result<bool> {
+  auto read = (*damaged)->ExecuteSQLQuery("SELECT sum(length(v)) FROM t;", {}, [](const SqlStatement&) -> Result<bool> {
     return true;
   });
   ASSERT_TRUE(read.HasError());

@@ -178,17 +178,16 @@ public:
   // The cache keeps the first 256 distinct texts; others are prepared for each use, so SQL with
   // values formatted in can't grow it without bound.
   Result<SqlStatement> Prepare(std::string_view sql);
-  // Binds parameters and runs one statement to its end. Any thread.
-  Result<SqlChanges> Execute(std::string_view sql, std::span<const SqlValue> params = {});
-  Result<SqlChanges> Execute(std::string_view sql, std::initializer_list<SqlValue> params) {
-    return Execute(sql, std::span<const SqlValue>(params.begin(), params.size()));
-  }
-  // Binds parameters and hands each row to receiver, on the calling thread with the connection
-  // lock held. The receiver may use this database from the same thread, never wait for another
-  // thread that does. A receiver's error ends the query and is returned. Any thread.
-  Result<void> Query(std::string_view sql, std::span<const SqlValue> params, const SqlRowReceiver& receiver);
-  Result<void> Query(std::string_view sql, std::initializer_list<SqlValue> params, const SqlRowReceiver& receiver) {
-    return Query(sql, std::span<const SqlValue>(params.begin(), params.size()), receiver);
+  // Binds parameters and runs one statement to its end, handing each row to receiver when one
+  // is given; a receiver that returns false stops after that row. Rows are delivered on the
+  // calling thread with the connection lock held: the receiver may use this database from the
+  // same thread, never wait for another thread that does. A receiver's error ends the statement
+  // and is returned. The changes are those of a statement that writes. Any thread.
+  Result<SqlChanges> ExecuteSQLQuery(std::string_view sql, std::span<const SqlValue> params = {},
+                                     const SqlRowReceiver& receiver = nullptr);
+  Result<SqlChanges> ExecuteSQLQuery(std::string_view sql, std::initializer_list<SqlValue> params,
+                                     const SqlRowReceiver& receiver = nullptr) {
+    return ExecuteSQLQuery(sql, std::span<const SqlValue>(params.begin(), params.size()), receiver);
   }
 
   // Begins a transaction, or a savepoint inside an open one. IMMEDIATE takes the write lock at
@@ -208,7 +207,7 @@ public:
   Result<void> CheckIntegrity();
 
   // Of the last statement run on this connection by any thread. Prefer the SqlChanges that
-  // Execute returns when other threads share the connection.
+  // ExecuteSQLQuery returns when other threads share the connection.
   std::int64_t GetLastInsertRowId();
   std::int64_t GetChanges();
   const Url& GetUrl() const { return _url; }
