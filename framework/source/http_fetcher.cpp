@@ -169,13 +169,6 @@ bool IsTransientCurlError(CURLcode code) {
 
 bool IsTransientStatus(long status) { return status >= 500 || status == 429; }
 
-void PercentEncodeInto(std::string& out, unsigned char c) {
-  static const char* hex = "0123456789ABCDEF";
-  out += '%';
-  out += hex[c >> 4];
-  out += hex[c & 15];
-}
-
 } // namespace
 
 struct HttpFetcher::Pool {
@@ -316,14 +309,8 @@ Result<std::string> HttpFetcher::ToRequestText(const Url& url) {
   while (!path.empty() && path.front() == '/') path.remove_prefix(1);
   if (path.empty() || path.front() == '/' || path.substr(0, path.find('/')).empty())
     return IllegalArgumentError("@ names no host.", url);
-  // Bytes that can't stand in a request line are escaped; everything else passes as given.
-  std::string text = scheme + "://";
-  for (unsigned char c : path) {
-    if (c <= 0x20 || c >= 0x7f || c == '"' || c == '#' || c == '<' || c == '>')
-      PercentEncodeInto(text, c);
-    else
-      text += static_cast<char>(c);
-  }
+  // Bytes that can't stand in a request line are escaped; separators and escapes pass as given.
+  std::string text = scheme + "://" + PercentEncode(path, "/:@!$&'()*+,;=%[]");
   const std::string query = url.GetQuery();
   if (!query.empty()) text += "?" + query;
   return text;

@@ -38,33 +38,13 @@ std::string Join(const std::vector<std::string>& components) {
 
 std::string ErrnoText() { return std::strerror(errno); }
 
-bool IsUnreserved(unsigned char c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
-         c == '_' || c == '~';
-}
-
-// The path "a/b c" as "a/b%20c": each component escaped, the separators kept.
-std::string EncodePath(std::string_view text) {
-  static const char* hex = "0123456789ABCDEF";
-  std::string out;
-  for (unsigned char c : text) {
-    if (IsUnreserved(c) || c == '/') {
-      out += static_cast<char>(c);
-    } else {
-      out += '%';
-      out += hex[c >> 4];
-      out += hex[c & 15];
-    }
-  }
-  return out;
-}
-
 // One fetch of one file; later readers of that file wait for it.
 struct FetchState {
   std::mutex lock;
   std::condition_variable done;
   bool finished = false;
   Error error;
+  bool stoppedByCaller = false; // the fetching caller's progress delegate ended it
 };
 
 enum class MirrorProbe { ABSENT, PRESENT, BLOCKED };
@@ -194,8 +174,8 @@ void MarkCached(RamDisk& disk, MountState& mount, const std::string& rel) {
 }
 
 // Fetches rel into the mirror unless it is there; returns the mirror path. Concurrent callers for
-// one file share one fetch. A caller whose wait ends in someone else's cancellation fetches
-// itself, since that cancellation was not its own.
+// one file share one fetch. A caller whose wait ends because the fetching caller's delegate
+// stopped it fetches itself, since that stop was not its own.
 Result<std::string> EnsureMirrored(RamDisk& disk, MountState& mount, const std::string& rel,
                                    const HttpProgress& progress = {}) {
   for (;;) {
@@ -219,13 +199,21 @@ Result<std::string> EnsureMirrored(RamDisk& disk, MountState& mount, const std::
     if (!mine) {
       std::unique_lock guard(fetch->lock);
       fetch->done.wait(guard, [&] { return fetch->finished; });
-      if (fetch->error && !fetch->error.Is(errors::OperationCancelledError)) return fetch->error;
-      continue; // fetched (or cancelled by its owner): look again
+      if (fetch->error && !fetch->stoppedByCaller) return fetch->error;
+      continue; // fetched, or stopped by its owner: look again
     }
     Result<void> result;
+    bool stoppedByCaller = false;
+    HttpProgress watched;
+    if (progress)
+      watched = [&](std::uint64_t done, std::uint64_t total) -> Result<void> {
+        Result<void> r = progress(done, total);
+        stoppedByCaller = stoppedByCaller || r.HasError();
+        return r;
+      };
     // A fetch that ended between the probe and the registration has left the file.
     if (Probe(path) != MirrorProbe::PRESENT) {
-      Url remote = mount.remote.Append(EncodePath(rel));
+      Url remote = mount.remote.Append(PercentEncode(rel, "/")); // names escaped, separators kept
       {
         std::shared_lock guard(mount.lock);
         auto it = mount.files.find(rel);
@@ -234,9 +222,14 @@ Result<std::string> EnsureMirrored(RamDisk& disk, MountState& mount, const std::
       }
       // Declared names are checked, so the path stays below the mirror root.
       result = MakeMirrorDirectories(root, rel);
-      if (result.HasValue()) {
-        auto fetched = RamDiskAccess::GetFetcher(disk)->FetchToFile(remote, Url::FromFile(path), progress);
-        if (fetched.HasError()) result = fetched.GetError();
+      // The waiters must be woken whatever happens, so nothing may escape from here.
+      try {
+        if (result.HasValue()) {
+          auto fetched = RamDiskAccess::GetFetcher(disk)->FetchToFile(remote, Url::FromFile(path), watched);
+          if (fetched.HasError()) result = fetched.GetError();
+        }
+      } catch (const std::exception& e) {
+        result = UnexpectedError("Can't fetch @: @", remote, e.what());
       }
     }
     {
@@ -247,6 +240,7 @@ Result<std::string> EnsureMirrored(RamDisk& disk, MountState& mount, const std::
       std::lock_guard guard(fetch->lock);
       fetch->finished = true;
       fetch->error = result.HasError() ? result.GetError() : Error();
+      fetch->stoppedByCaller = stoppedByCaller;
     }
     fetch->done.notify_all();
     if (result.HasError()) return result.GetError();

@@ -426,6 +426,24 @@ HandlerTable& Handlers() {
 
 std::unique_ptr<OutputStream> NewNullOutputStream() { return std::make_unique<NullOutputStream>(); }
 
+std::string PercentEncode(std::string_view text, std::string_view keep) {
+  static const char* hex = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(text.size());
+  for (unsigned char c : text) {
+    const bool unreserved = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
+                            c == '.' || c == '_' || c == '~';
+    if (unreserved || (c != 0 && keep.find(static_cast<char>(c)) != std::string_view::npos)) {
+      out += static_cast<char>(c);
+    } else {
+      out += '%';
+      out += hex[c >> 4];
+      out += hex[c & 15];
+    }
+  }
+  return out;
+}
+
 Result<std::uint64_t> CopyStream(InputStream& in, OutputStream& out) {
   std::vector<char> buffer(1 << 20);
   std::uint64_t total = 0;

@@ -206,6 +206,25 @@ TEST_F(RamDiskTest, ConcurrentFirstReadsFetchOnce) {
   EXPECT_EQ(_nginx->CountRequests("/db/big/big.bin", 1), 1u);
 }
 
+TEST_F(RamDiskTest, AReaderWaitingOnACancelledLoadFetchesItself) {
+  std::thread reader;
+  std::string read;
+  auto cancelled = RamDiskService::LoadIntoCache(At("big/big.bin"), [&](std::uint64_t done, std::uint64_t) -> Result<void> {
+    if (done == 0) return {};
+    if (!reader.joinable()) {
+      reader = std::thread([&] { read = ReadOrError("big/big.bin"); });
+      // Long enough for the reader to find this fetch under way and wait for it.
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return OperationCancelledError();
+  });
+  ASSERT_TRUE(reader.joinable());
+  reader.join();
+  EXPECT_TRUE(cancelled.GetError().Is(errors::OperationCancelledError));
+  EXPECT_TRUE(read == _big) << read.substr(0, 200);
+  EXPECT_EQ(_nginx->CountRequests("/db/big/big.bin", 2), 2u);
+}
+
 TEST_F(RamDiskTest, LoadIntoCacheReportsBytesAndStopsOnTheDelegatesError) {
   auto before = RamDiskService::IsInCache(At("big"));
   ASSERT_TRUE(before.HasValue());

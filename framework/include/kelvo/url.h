@@ -117,6 +117,9 @@ public:
 // An output stream that drops what it is given.
 std::unique_ptr<OutputStream> NewNullOutputStream();
 
+// text with every byte except letters, digits, "-._~" and the bytes in keep written as "%XX".
+std::string PercentEncode(std::string_view text, std::string_view keep = {});
+
 // Copies all of in to out in one pass. Does not close out.
 Result<std::uint64_t> CopyStream(InputStream& in, OutputStream& out);
 
