@@ -291,7 +291,8 @@ TEST_F(FileMonitorTest, NoDelegateRunsAfterStopWhileEventsPourIn) {
 }
 
 TEST_F(FileMonitorTest, StopFromTheDelegateAndFromAnotherThreadAtOnceEndsTheMonitor) {
-  FileMonitor* self = nullptr;
+  // Atomic, so the delegate's thread sees the monitor object built by this one.
+  std::atomic<FileMonitor*> self{nullptr};
   std::atomic<bool> inDelegate{false};
   std::atomic<int> calls{0};
   auto monitor = FileMonitor::WatchDirectory(Url::FromFile(_root.string()), true, [&](const FileMonitor::Event&) {
@@ -299,10 +300,10 @@ TEST_F(FileMonitorTest, StopFromTheDelegateAndFromAnotherThreadAtOnceEndsTheMoni
     inDelegate = true;
     // Gives the other thread time to enter Stop while this one is still in the delegate.
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    self->Stop();
+    self.load()->Stop();
   });
   ASSERT_TRUE(monitor.HasValue());
-  self = monitor->get();
+  self.store(monitor->get());
   Touch(_root / "a");
   while (!inDelegate) std::this_thread::yield();
   (*monitor)->Stop();
