@@ -57,6 +57,8 @@ int OpenDirectoryAt(int dirFd, const char* name) {
   return ::openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
+bool IsResourceShortage(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
+
 std::string JoinPath(const std::string& dir, const std::string& name) {
   return dir.empty() ? name : dir + "/" + name;
 }
@@ -224,7 +226,12 @@ struct FileMonitor::Impl {
         continue;
       }
       Fd child(OpenDirectoryAt(dirFd, name.c_str()));
-      if (child.fd < 0) continue;  // gone, unreadable, or replaced by a symlink
+      if (child.fd < 0) {
+        // Out of descriptors or memory leaves a directory unwatched like the watch limit does;
+        // one that is gone, unreadable or replaced by a symlink is no part of the tree to watch.
+        if (IsResourceShortage(errno)) ReportLimit(childPath);
+        continue;
+      }
       const int childWd = AddWatch(child.fd, wd, name, childPath);
       if (childWd >= 0) Walk(child.fd, childWd, childPath, report, depth + 1);
     }
@@ -250,7 +257,10 @@ struct FileMonitor::Impl {
   void WatchNewTree(int parent, const std::string& name, const std::string& relative, bool report) {
     if (!recursive) return;
     Fd fd(OpenRelative(relative));
-    if (fd.fd < 0) return;
+    if (fd.fd < 0) {
+      if (IsResourceShortage(errno)) ReportLimit(relative);
+      return;
+    }
     const int wd = AddWatch(fd.fd, parent, name, relative);
     if (wd >= 0) Walk(fd.fd, wd, relative, report, static_cast<int>(std::count(relative.begin(), relative.end(), '/')) + 1);
   }
