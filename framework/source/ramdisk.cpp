@@ -453,6 +453,8 @@ Result<void> RamDiskService::ChangeRamDiskMirrorPath(const Url& oldPath, const U
   if (oldPath.GetScheme() != "file" || newPath.GetScheme() != "file")
     return IllegalArgumentError("Can't move RAM disk mirrors from @ to @: not local directories", oldPath, newPath);
   const std::string from = TrimmedPath(oldPath), to = TrimmedPath(newPath);
+  if (from.empty() || to.empty())
+    return IllegalArgumentError("Can't move RAM disk mirrors from @ to @: empty path", oldPath, newPath);
   std::vector<RamDiskRef> disks;
   {
     auto& t = Disks();
