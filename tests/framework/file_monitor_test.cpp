@@ -161,6 +161,21 @@ TEST_F(FileMonitorTest, TreesCreatedMovedInRenamedAndMovedOutKeepCorrectPaths) {
   EXPECT_FALSE(_monitor->GetStatus().overflowed);
 }
 
+TEST_F(FileMonitorTest, NonRecursiveMonitorWatchesOnlyItsOwnDirectory) {
+  fs::create_directories(_root / "sub");
+  auto monitor = FileMonitor::WatchDirectory(Url::FromFile(_root.string()), false,
+                                             [this](const FileMonitor::Event& e) { _recorder(e); });
+  ASSERT_TRUE(monitor.HasValue());
+  EXPECT_EQ((*monitor)->GetStatus().watches, 1u);
+  Touch(_root / "sub" / "inner");
+  fs::create_directories(_root / "new" / "deeper");
+  ASSERT_TRUE(_recorder.WaitFor(STATE::CREATED, _root / "new"));
+  Sync();
+  EXPECT_EQ(_recorder.CountPath(_root / "sub" / "inner"), 0u);
+  EXPECT_EQ(_recorder.CountPath(_root / "new" / "deeper"), 0u);
+  EXPECT_EQ((*monitor)->GetStatus().watches, 1u);
+}
+
 TEST_F(FileMonitorTest, SymlinksAreNeverFollowedOutOfTheTree) {
   fs::create_directories(_root / "sub");
   fs::create_directory_symlink(_outside, _root / "link");
