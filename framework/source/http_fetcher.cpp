@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "kelvo/data.h"
+#include "kelvo/job_queue.h"
 
 namespace kelvo {
 
@@ -138,12 +139,17 @@ std::size_t WriteBody(char* data, std::size_t size, std::size_t count, void* use
   return size * count;
 }
 
+// Passes the counts to the delegate; a cancelled job, or the delegate's error, ends the transfer.
+Result<void> CheckProgress(const HttpProgress& progress, std::uint64_t done, std::uint64_t total) {
+  if (IsCurrentJobCancelled()) return OperationCancelledError();
+  return progress ? progress(done, total) : Result<void>();
+}
+
 int ReportProgress(void* user, curl_off_t dltotal, curl_off_t dlnow, curl_off_t, curl_off_t) {
   auto* ctx = static_cast<TransferContext*>(user);
-  if (!ctx->progress || !*ctx->progress) return 0;
   ctx->lastDone = static_cast<std::uint64_t>(std::max<curl_off_t>(dlnow, 0));
   ctx->lastTotal = static_cast<std::uint64_t>(std::max<curl_off_t>(dltotal, 0));
-  Result<void> r = (*ctx->progress)(ctx->lastDone, ctx->lastTotal);
+  Result<void> r = CheckProgress(*ctx->progress, ctx->lastDone, ctx->lastTotal);
   if (r.HasError()) {
     ctx->callbackError = r.GetError();
     return 1;
@@ -339,8 +345,8 @@ Result<void> FetchWithRetries(HttpFetcher::Pool& pool, const HttpOptions& option
         return ErrorWithCause(outcome.error, errors::io, FormatString("Can't fetch @ after @ tries", text, attempt));
       return outcome.error;
     }
-    // The delegate may stop the retries as it stops a transfer.
-    if (progress) KELVO_RETURN_ON_ERROR(progress(ctx.lastDone, ctx.lastTotal));
+    // What stops a transfer stops the retries too.
+    KELVO_RETURN_ON_ERROR(CheckProgress(progress, ctx.lastDone, ctx.lastTotal));
     std::this_thread::sleep_for(std::min(std::max(backoff, outcome.retryAfter), options.maxBackoff));
     backoff = std::min(backoff * 2, options.maxBackoff);
   }

@@ -13,6 +13,8 @@
 #include <shared_mutex>
 #include <unordered_map>
 
+#include "kelvo/job_queue.h"
+
 namespace kelvo {
 
 namespace {
@@ -240,7 +242,8 @@ Result<std::string> EnsureMirrored(RamDisk& disk, MountState& mount, const std::
       std::lock_guard guard(fetch->lock);
       fetch->finished = true;
       fetch->error = result.HasError() ? result.GetError() : Error();
-      fetch->stoppedByCaller = stoppedByCaller;
+      // The cancel of the fetching caller's job is its own too.
+      fetch->stoppedByCaller = stoppedByCaller || (result.HasError() && IsCurrentJobCancelled());
     }
     fetch->done.notify_all();
     if (result.HasError()) return result.GetError();

@@ -1,4 +1,5 @@
 #include "kelvo/http_fetcher.h"
+#include "kelvo/job_queue.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -177,4 +178,21 @@ TEST_F(HttpFetcherTest, ProgressErrorCancelsTheTransferAndLeavesNoFile) {
   EXPECT_EQ(seenTotal, _big.size());
   EXPECT_EQ(OutCount(), 0u);
   EXPECT_EQ(_nginx->CountRequests("/big.bin", 1), 1u) << "a cancelled transfer is not retried";
+
+  // A transfer on a job ends when the job is cancelled, whatever the delegate says.
+  auto queue = JobQueue::Create("fetch test", 1);
+  Result<std::uint64_t> onJob = std::uint64_t(0);
+  auto job = queue->Enqueue([&]() -> Result<void> {
+    onJob = fetcher.FetchToFile(_nginx->GetUrl("/big.bin"), target, [](std::uint64_t done, std::uint64_t) -> Result<void> {
+      if (done > 0) GetCurrentJob().Cancel();
+      return {};
+    });
+    return {};
+  });
+  ASSERT_TRUE(job.HasValue());
+  (void)job->Wait();
+  ASSERT_TRUE(onJob.HasError());
+  EXPECT_TRUE(onJob.GetError().Is(errors::OperationCancelledError)) << onJob.GetError().ToString();
+  EXPECT_EQ(OutCount(), 0u);
+  EXPECT_EQ(_nginx->CountRequests("/big.bin", 2), 2u);
 }

@@ -39,7 +39,8 @@ struct HttpOptions {
 };
 
 // Called during a transfer with the bytes received so far and the expected size (0 when the
-// server did not say). An error aborts the transfer, is not retried and becomes its result.
+// server did not say). An error aborts the transfer, is not retried and becomes its result. A
+// transfer run by a job also ends, with an OperationCancelledError, once that job is cancelled.
 using HttpProgress = std::function<Result<void>(std::uint64_t done, std::uint64_t total)>;
 
 class HttpFetcher {
