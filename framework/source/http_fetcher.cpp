@@ -71,7 +71,6 @@ public:
     const std::string dir = slash == std::string::npos ? "." : target.substr(0, std::max<std::size_t>(slash, 1));
     const std::string name = slash == std::string::npos ? target : target.substr(slash + 1);
     if (name.empty()) return IllegalArgumentError("Can't download to @: no file name", target);
-    _dir = dir;
     std::string pattern = dir + "/." + name + ".part.XXXXXX";
     _fd = ::mkostemp(pattern.data(), O_CLOEXEC);
     if (_fd < 0) return IoError("Can't create a temporary file beside @: @", target, ErrnoText());
@@ -98,25 +97,21 @@ public:
     }
     return {};
   }
-  // Syncs the file, renames it over the target and syncs the directory, so that a crash leaves
-  // the old target or the complete new one.
-  Result<std::uint64_t> Publish() {
-    if (::fsync(_fd) != 0) return IoError("Can't sync @: @", _tempPath, ErrnoText());
+  // Syncs the file (unless told not to) and renames it over the target, so that a crash leaves
+  // the old target or the complete new one. The directory is not synced: a rename lost in a
+  // crash leaves the old target, as if the download had not happened.
+  Result<std::uint64_t> Publish(bool sync) {
+    if (sync && ::fsync(_fd) != 0) return IoError("Can't sync @: @", _tempPath, ErrnoText());
     const int fd = std::exchange(_fd, -1);
     if (::close(fd) != 0) return IoError("Can't close @: @", _tempPath, ErrnoText());
     if (::rename(_tempPath.c_str(), _target.c_str()) != 0)
       return IoError("Can't rename @ to @: @", _tempPath, _target, ErrnoText());
     _tempPath.clear();
-    const int dirFd = ::open(_dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dirFd >= 0) {
-      ::fsync(dirFd);
-      ::close(dirFd);
-    }
     return _size;
   }
 
 private:
-  std::string _target, _dir, _tempPath;
+  std::string _target, _tempPath;
   int _fd = -1;
   std::uint64_t _size = 0;
 };
@@ -365,7 +360,7 @@ Result<std::uint64_t> HttpFetcher::FetchToFile(const Url& url, const Url& target
   FileSink sink;
   KELVO_RETURN_ON_ERROR(sink.Open(target.GetPath()));
   KELVO_RETURN_ON_ERROR(FetchWithRetries(*_pool, _options, url, sink, progress));
-  return sink.Publish();
+  return sink.Publish(_options.syncFiles);
 }
 
 } // namespace kelvo

@@ -36,6 +36,10 @@ struct HttpOptions {
   // Wait before the second try; each further wait doubles, up to maxBackoff.
   std::chrono::milliseconds firstBackoff{250};
   std::chrono::milliseconds maxBackoff{4000};
+  // A downloaded file is synced to the disk before it replaces the target, so that a crash
+  // can't leave a torn file under the target's name. Off trades that for speed (a sync costs
+  // milliseconds per file on many disks).
+  bool syncFiles = true;
 };
 
 // Called during a transfer with the bytes received so far and the expected size (0 when the
@@ -56,7 +60,7 @@ public:
   // The body of url, at most maxBytes long: a larger body is an io error. Any thread.
   Result<std::string> FetchToMemory(const Url& url, std::uint64_t maxBytes, const HttpProgress& progress = {});
   // Writes the body of url to the file target (a "file" URL): into a temporary file beside it,
-  // synced and renamed over target, so target is either absent, old or complete. Returns the
+  // synced (HttpOptions::syncFiles) and renamed over target, so target is absent, old or complete. Returns the
   // byte count. On failure the temporary file is removed. Any thread.
   Result<std::uint64_t> FetchToFile(const Url& url, const Url& target, const HttpProgress& progress = {});
 
