@@ -89,12 +89,15 @@ struct RamDisk::MountState {
     if (components.empty()) return IllegalArgumentError("Refused RAM disk file without a name");
     for (const auto& c : components) KELVO_RETURN_ON_ERROR(CheckComponent(c, rel));
     if (rel.size() > kMaxPathLength) return IllegalArgumentError("Refused RAM disk path @: too long", rel);
+    const bool isDirectory = flags.Get<bool>(urlkeys::ramdisk_directory).value_or(false);
     std::unique_lock guard(lock);
-    if (directories.count(rel)) return IllegalArgumentError("Can't declare @: a directory of that name exists", rel);
+    if (!isDirectory && directories.count(rel))
+      return IllegalArgumentError("Can't declare @: a directory of that name exists", rel);
     std::string dir;
-    for (std::size_t i = 0; i + 1 < components.size(); ++i) {
+    for (std::size_t i = 0; i < components.size(); ++i) {
       dir += (i ? "/" : "") + components[i];
-      if (files.count(dir)) return IllegalArgumentError("Can't declare @: @ is a file", rel, dir);
+      if ((i + 1 < components.size() || isDirectory) && files.count(dir))
+        return IllegalArgumentError("Can't declare @: @ is a file", rel, dir);
     }
     // Only now that nothing can fail is the tree changed.
     std::string parent;
@@ -102,7 +105,10 @@ struct RamDisk::MountState {
       directories[parent].insert(components[i]);
       parent += (i ? "/" : "") + components[i];
     }
-    files[rel].flags = flags;
+    if (isDirectory)
+      directories[rel];
+    else
+      files[rel].flags = flags;
     return {};
   }
 

@@ -173,9 +173,20 @@ TEST_F(RamDiskTest, NamesThatLeaveTheMirrorAreRefused) {
            {"."}, {std::string("a\0b", 3)}, {std::string(300, 'n')}})
     EXPECT_TRUE(_declare(bad, {}).HasError()) << (bad.empty() ? "(none)" : bad[0]);
   // A name that is a file can't become a directory, nor the reverse.
+  DataDictionary directory;
+  directory.SetData(urlkeys::ramdisk_directory, true);
   EXPECT_TRUE(_declare({"a", "d.txt", "x"}, {}).HasError());
+  EXPECT_TRUE(_declare({"a", "d.txt"}, directory).HasError());
   EXPECT_TRUE(_declare({"a", "b"}, {}).HasError());
   EXPECT_EQ(Names(At("a")), (std::vector<std::string>{"b", "d.txt"}));
+  EXPECT_EQ(At("a/d.txt").IoDetect(), IODETECT::FILE);
+  // A declared directory exists while empty, and has nothing to fetch.
+  ASSERT_TRUE(_declare({"a", "empty"}, directory).HasValue());
+  ASSERT_TRUE(_declare({"a", "b"}, directory).HasValue());
+  EXPECT_EQ(At("a/empty").IoDetect(), IODETECT::DIRECTORY);
+  EXPECT_TRUE(Names(At("a/empty")).empty());
+  EXPECT_EQ(Names(At("a/b")), (std::vector<std::string>{"c.txt"}));
+  EXPECT_TRUE(*RamDiskService::IsInCache(At("a/empty")));
 
   EXPECT_EQ(Url("ramdisk:///" + _disk->GetName() + "/a/../../x").IoDetect(), IODETECT::NONE);
   EXPECT_TRUE(Url("ramdisk:///" + _disk->GetName() + "/../x").ReadAll().HasError());

@@ -30,11 +30,17 @@ namespace kelvo {
 
 inline constexpr std::string_view kRamDiskScheme = "ramdisk";
 
+namespace urlkeys {
+// Bool, in the flags of a declaration: the path is a directory (which may stay empty), not a file.
+inline const Id ramdisk_directory{"net.kelvo.url.ramdisk.directory"};
+} // namespace urlkeys
+
 class RamDisk {
 public:
   // Declares one lazy file of a mounted disk: its path components below the root, and the URL
   // data set on its remote URL when it is fetched (urlkeys::http_no_proxy_caching among them).
-  // Fails for a refused name or when a component is already a file or the file a directory.
+  // With urlkeys::ramdisk_directory set it declares a directory instead. Fails for a refused
+  // name or when a component is already a file or the file a directory. Any thread.
   using DeclareFileDelegate =
       std::function<Result<void>(const std::vector<std::string>& components, const DataDictionary& flags)>;
   // Bytes done and bytes in all; an error stops the transfer and becomes its result.
