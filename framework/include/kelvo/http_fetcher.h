@@ -67,6 +67,7 @@ public:
   // The text that libcurl is given for url ("https://host/path?query").
   static Result<std::string> ToRequestText(const Url& url);
 
+  // Shared connections and idle easy handles (defined in the source).
   struct Pool;
 
 private:
