@@ -14,13 +14,14 @@
 #include <filesystem>
 #include <thread>
 
-#include "asset_databases.h"
-#include "assets.h"
+#include "asset/module/asset_module.h"
+#include "asset/databases/asset_databases.h"
+#include "asset/standard/assets.h"
 #include "kelvo/application.h"
 #include "kelvo/settings.h"
 #include "kelvo/zip_io.h"
 #include "text_asset.h"
-#include "urlassetrepository.h"
+#include "asset/storage/urlassetrepository.h"
 
 using namespace kelvo;
 namespace fs = std::filesystem;

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <thread>
 
-#include "memoryassetrepository.h"
+#include "asset/core/memoryassetrepository.h"
 #include "text_asset.h"
 
 using namespace kelvo;

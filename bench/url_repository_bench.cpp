@@ -15,10 +15,10 @@
 #include <fstream>
 #include <random>
 
-#include "asset_description.h"
+#include "asset/core/asset_description.h"
 #include "kelvo/application.h"
 #include "text_asset.h"
-#include "urlassetrepository.h"
+#include "asset/storage/urlassetrepository.h"
 
 using namespace kelvo;
 namespace fs = std::filesystem;

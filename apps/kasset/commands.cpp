@@ -9,7 +9,7 @@
 #include <map>
 #include <set>
 
-#include "assets.h"
+#include "asset/standard/assets.h"
 #include "db_commands.h"
 #include "kelvo/application.h"
 #include "output.h"
@@ -160,18 +160,6 @@ std::string ExportFileName(const AssetDescription& d, const Url& content) {
   return name;
 }
 
-Result<void> CopyTree(const Url& from, const Url& to) {
-  if (from.IoDetect() == IODETECT::DIRECTORY) {
-    KELVO_RETURN_ON_ERROR(to.IoCreateDirectory(false));
-    KELVO_ASSIGN_OR_RETURN(std::vector<Url> children, from.IoBrowse());
-    for (const Url& child : children) KELVO_RETURN_ON_ERROR(CopyTree(child, to.Append(child.GetName())));
-    return {};
-  }
-  KELVO_ASSIGN_OR_RETURN(auto in, from.OpenInputStream());
-  KELVO_ASSIGN_OR_RETURN(auto out, to.OpenOutputStream());
-  KELVO_RETURN_ON_ERROR(CopyStream(*in, *out));
-  return out->Close();
-}
 
 std::string KindText(std::uint32_t kind) {
   std::string text;
@@ -462,7 +450,7 @@ int CmdExport(const CommandLine& line, Session& session) {
     if (line.Has("force")) {
       if (auto r = to.IoDelete(true); r.HasError()) return Fail(EXIT_FAILED, ErrorText(r.GetError()));
     }
-    if (auto r = CopyTree(resolved, to); r.HasError()) return Fail(EXIT_FAILED, ErrorText(r.GetError()));
+    if (auto r = CopyContent(resolved, to); r.HasError()) return Fail(EXIT_FAILED, ErrorText(r.GetError()));
   } else {
     // Read through the asset URL, as any other component would.
     auto in = url->OpenInputStream();

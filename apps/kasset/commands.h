@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "args.h"
-#include "assetrepository.h"
+#include "asset/core/assetrepository.h"
 
 namespace kasset {
 

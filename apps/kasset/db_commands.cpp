@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <iostream>
 
-#include "asset_databases.h"
-#include "assets.h"
+#include "asset/databases/asset_databases.h"
+#include "asset/standard/assets.h"
 #include "kelvo/application.h"
 #include "output.h"
 

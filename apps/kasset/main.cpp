@@ -7,8 +7,9 @@
 #include <vector>
 
 #include "args.h"
-#include "asset_databases.h"
-#include "assets.h"
+#include "asset/module/asset_module.h"
+#include "asset/databases/asset_databases.h"
+#include "asset/standard/assets.h"
 #include "commands.h"
 #include "kelvo/application.h"
 #include "kelvo/log.h"

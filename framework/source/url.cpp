@@ -267,9 +267,11 @@ Result<std::string> Url::ReadAll() const {
 
 Result<void> Url::WriteAll(std::string_view content) const {
   if (_scheme == "file") {
+    // A hidden name in the same directory: listings pass over it, and the rename stays on one
+    // file system.
     static std::atomic<unsigned> counter{0};
     Url temp = *this;
-    temp.SetName(GetName() + ".tmp" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
+    temp.SetName("." + GetName() + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(++counter));
     KELVO_ASSIGN_OR_RETURN(auto out, temp.OpenOutputStream());
     auto written = out->Write(content.data(), content.size());
     auto closed = out->Close();

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "asset_description.h"
+#include "asset/core/asset_description.h"
 
 namespace kelvo::testing {
 

@@ -81,7 +81,9 @@ public:
   Result<std::unique_ptr<InputStream>> OpenInputStream() const;
   Result<std::unique_ptr<OutputStream>> OpenOutputStream() const;
   Result<std::string> ReadAll() const;
-  // Writes via a temporary file and a rename, so a reader sees the old or the new content.
+  // Writes the whole content. "file" URLs go through a hidden temporary name in the same directory
+  // and a rename, so a reader sees the old or the new content, never a part; other schemes write
+  // in place. Errors: I/O errors, with the temporary file removed.
   Result<void> WriteAll(std::string_view content) const;
   // The physical URL behind this one: itself for "file", the resolved target for others.
   Result<Url> Normalize() const;

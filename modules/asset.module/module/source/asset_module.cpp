@@ -1,0 +1,29 @@
+// Start and end of the whole module: the subsystems in the order they build on each other, and
+// the reverse order at the end.
+
+#include "asset/module/asset_module.h"
+
+#include "asset/databases/asset_databases.h"
+#include "asset/standard/assets.h"
+#include "kelvo/log.h"
+
+namespace kelvo {
+
+Result<void> StartAssetModule() {
+  if (PrivateStandardRepositoriesStarted()) return {};
+  KELVO_RETURN_ON_ERROR(PrivateStartStandardRepositories());
+  // The first mount pass only gets enqueued here; callers wait with WaitForDatabaseLoading.
+  if (Result<void> databases = PrivateStartAssetDatabases(); databases.HasError())
+    WarningOutput("Can't start mounting the asset databases: @", databases.GetError());
+  return {};
+}
+
+void EndAssetModule() {
+  // The mount pass uses the standard repositories: it is cancelled and waited for first.
+  PrivateEndAssetDatabases();
+  PrivateEndStandardRepositories();
+}
+
+bool IsAssetModuleStarted() { return PrivateStandardRepositoriesStarted(); }
+
+} // namespace kelvo

@@ -1,0 +1,231 @@
+// Names and files of the URL repository tree.
+
+#include "asset/storage/url_layout.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+
+#include "asset/core/asset_metadata.h"
+#include "data_document.h"
+#include "kelvo/hash.h"
+
+namespace kelvo {
+
+namespace {
+
+std::string LowerAscii(std::string_view s) {
+  std::string out(s);
+  for (char& c : out)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + ('a' - 'A'));
+  return out;
+}
+
+bool AllDigits(std::string_view s) {
+  return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// The number of a digit string; nothing when it overflows 64 bits.
+std::optional<std::uint64_t> ParseNumber(std::string_view s) {
+  if (!AllDigits(s)) return std::nullopt;
+  std::uint64_t v = 0;
+  for (char c : s) {
+    const std::uint64_t d = static_cast<std::uint64_t>(c - '0');
+    if (v > (~std::uint64_t(0) - d) / 10) return std::nullopt;
+    v = v * 10 + d;
+  }
+  return v;
+}
+
+// Matches the suffix of a value file; the kind it adds, or 0.
+std::uint32_t KindOfSuffix(std::string_view suffix) {
+  if (suffix == ".meta") return AssetMetaData::PERSISTENT;
+  if (suffix == ".derived") return AssetMetaData::PERSISTENT | AssetMetaData::DERIVED;
+  if (suffix == ".version") return AssetMetaData::PERSISTENT | AssetMetaData::VERSION;
+  return 0;
+}
+
+} // namespace
+
+std::string AssetIdToDirectoryName(std::string_view aid) {
+  std::string out;
+  out.reserve(aid.size());
+  for (char ch : aid) {
+    const unsigned char c = static_cast<unsigned char>(ch);
+    if (c >= 'A' && c <= 'Z')
+      out += static_cast<char>(c + ('a' - 'A'));
+    else if ((c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '$' || c == '-' || c == '.' || c == '_')
+      out += static_cast<char>(c);
+    else
+      out += '_';
+  }
+  return out;
+}
+
+std::optional<VersionDirectoryName> ParseVersionDirectoryName(std::string_view name) {
+  const std::size_t length = name.size();
+  VersionDirectoryName result;
+  std::string_view number;
+  if (length >= 41 && name[length - 41] == '-') {
+    number = name.substr(0, length - 41);
+    result.versionId = LowerAscii(name.substr(length - 40));
+  } else if (length >= 9 && name.ends_with("-deleted")) {
+    number = name.substr(0, length - 8);
+    result.versionId = g_deletedVersionId.ToString();
+    result.deleted = true;
+  } else {
+    number = name;
+  }
+  std::optional<std::uint64_t> n = ParseNumber(number);
+  if (!n) return std::nullopt;
+  result.number = *n;
+  return result;
+}
+
+std::optional<MetaFileName> ClassifyMetaFileName(std::string_view name, std::uint32_t baseKind) {
+  bool furtherSuffix = false;
+  std::string_view rest = name;
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    const std::size_t dot = rest.rfind('.');
+    if (dot == std::string_view::npos) return std::nullopt;
+    if (const std::uint32_t kind = KindOfSuffix(rest.substr(dot))) {
+      if (dot == 0) return std::nullopt;
+      return MetaFileName{std::string(rest.substr(0, dot)), baseKind + kind, furtherSuffix};
+    }
+    furtherSuffix = true;
+    rest = rest.substr(0, dot);
+  }
+  return std::nullopt;
+}
+
+const char* MetaFileSuffix(std::uint32_t kind) {
+  if (kind & AssetMetaData::DERIVED) return ".derived";
+  if (kind & AssetMetaData::VERSION) return ".version";
+  return ".meta";
+}
+
+bool IsSafePathComponent(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
+         name.find('\0') == std::string_view::npos;
+}
+
+Result<std::vector<DirectoryEntry>> BrowseDirectory(const Url& dir) {
+  std::vector<DirectoryEntry> entries;
+  if (dir.GetScheme() == "file") {
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    fs::directory_iterator it(dir.GetPath(), ec), end;
+    if (ec) return IoError("Can't list @: @", dir, ec.message());
+    for (; it != end; it.increment(ec)) {
+      if (ec) return IoError("Can't list @: @", dir, ec.message());
+      std::string name = it->path().filename().string();
+      if (name.empty() || name.front() == '.') continue;
+      DirectoryEntry entry;
+      entry.name = std::move(name);
+      std::error_code tec;
+      entry.isLink = it->is_symlink(tec);
+      if (it->is_directory(tec))
+        entry.type = IODETECT::DIRECTORY;
+      else if (!tec && it->exists(tec))
+        entry.type = IODETECT::FILE;
+      entries.push_back(std::move(entry));
+    }
+    return entries;
+  }
+  KELVO_ASSIGN_OR_RETURN(std::vector<Url> children, dir.IoBrowse());
+  for (const Url& child : children) {
+    std::string name = child.GetName();
+    if (name.empty() || name.front() == '.') continue;
+    entries.push_back(DirectoryEntry{std::move(name), child.IoDetect(), false});
+  }
+  return entries;
+}
+
+namespace {
+
+// Files the name of one entry of the version directory dir into result: the incomplete marker,
+// a metadata file or the content; hidden names and anything else are skipped.
+void AddVersionDirectoryEntry(VersionDirectoryContent& result, const Url& dir, std::string name,
+                              std::uint32_t baseKind) {
+  if (name == kIncompleteMarker) result.incomplete = true;
+  if (name.empty() || name.front() == '.') return;
+  if (auto meta = ClassifyMetaFileName(name, baseKind)) {
+    result.meta.push_back({std::move(*meta), std::move(name)});
+  } else if (name == "asset" || name.starts_with("asset.")) {
+    result.content = dir.Append(name);
+    result.contentName = std::move(name);
+  }
+}
+
+} // namespace
+
+Result<VersionDirectoryContent> FindContentUrl(const Url& dir, std::uint32_t baseKind) {
+  VersionDirectoryContent result;
+  if (dir.GetScheme() == "file") {
+    // One listing tells names and the marker; a missing directory is an empty result.
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    fs::directory_iterator it(dir.GetPath(), ec), end;
+    if (ec) {
+      if (ec == std::errc::no_such_file_or_directory || ec == std::errc::not_a_directory) return result;
+      if (dir.IoDetect() != IODETECT::DIRECTORY) return result;
+      return IoError("Can't list @: @", dir, ec.message());
+    }
+    for (; it != end; it.increment(ec)) {
+      if (ec) return IoError("Can't list @: @", dir, ec.message());
+      AddVersionDirectoryEntry(result, dir, it->path().filename().string(), baseKind);
+    }
+    return result;
+  }
+  if (dir.IoDetect() != IODETECT::DIRECTORY) return result;
+  KELVO_ASSIGN_OR_RETURN(std::vector<Url> children, dir.IoBrowse());
+  for (const Url& child : children) AddVersionDirectoryEntry(result, dir, child.GetName(), baseKind);
+  return result;
+}
+
+bool LineReader::Next(std::string& line) {
+  if (_pos >= _text.size()) return false;
+  line.clear();
+  const std::size_t end = _text.find('\n', _pos);
+  const std::string_view raw = _text.substr(_pos, end == std::string_view::npos ? std::string_view::npos : end - _pos);
+  _pos = end == std::string_view::npos ? _text.size() : end + 1;
+  if (raw.find('\r') == std::string_view::npos) {
+    line.assign(raw);
+    return true;
+  }
+  line.reserve(raw.size());
+  for (char c : raw)
+    if (c != '\r') line += c;
+  return true;
+}
+
+
+Result<std::optional<Data>> ReadMetaDataFile(const Url& file, bool derived) {
+  Result<std::string> bytes = file.ReadAll();
+  if (bytes.HasError()) {
+    if (file.IoDetect() == IODETECT::NONE) return std::optional<Data>();
+    return bytes.GetError();
+  }
+  auto value = DecodeDocument(*bytes, g_metaDataDocumentId);
+  if (value.HasError()) return ErrorWithCause(value.GetError(), errors::fileformat, FormatString("Can't read @.", file));
+  if (!derived) return std::optional<Data>(std::move(value).GetValue());
+  const DataArray* envelope = value->GetPtr<DataArray>();
+  if (!envelope || envelope->size() != 2) return std::optional<Data>();
+  const std::string* stamp = (*envelope)[1].GetPtr<std::string>();
+  if (!stamp || *stamp != GetDerivedStamp()) return std::optional<Data>();
+  return std::optional<Data>((*envelope)[0]);
+}
+
+Result<void> WriteMetaDataFile(const Url& file, const Data& value, bool derived) {
+  if (!derived) return WriteDocument(file, g_metaDataDocumentId, value, DOCUMENTMODE::TEXT);
+  return WriteDocument(file, g_metaDataDocumentId, Data(DataArray{value, Data(GetDerivedStamp())}), DOCUMENTMODE::BINARY);
+}
+
+} // namespace kelvo

@@ -1,0 +1,723 @@
+// The URL repository: opening, the directory scan, and the storage operations of the base
+// repository's seam over the tree of url_layout.h. The index lives in url_repository_index.cpp.
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "asset/core/asset_url.h"
+#include "data_document.h"
+#include "asset/storage/database_asset.h"
+#include "kelvo/application.h"
+#include "kelvo/log.h"
+#include "asset/storage/url_layout.h"
+#include "url_repository_index.h"
+#include "asset/storage/urlassetrepository.h"
+
+namespace kelvo {
+
+const Id g_databaseRepositoryType{"net.kelvo.assets.repositorytype.database"};
+
+namespace {
+
+const Id kUrlAssetDataType{"net.kelvo.asset.urlassetdata"};
+const Id kOriginUrlKey{"net.kelvo.url.originurl"};
+const Id kUserPrefsRepositoryId{"net.kelvo.repository.userprefs"};
+const Id kSceneRepositoryId{"net.kelvo.repository.scene"};
+constexpr std::uint32_t kPersistentUser = AssetMetaData::PERSISTENT | AssetMetaData::USER;
+
+std::function<bool(const Id&)>& CustomRepositoryCheck() {
+  static std::function<bool(const Id&)>* check = new std::function<bool(const Id&)>();
+  return *check;
+}
+std::mutex g_customCheckLock;
+
+bool IsCustomRepository(const Id& rid) {
+  std::function<bool(const Id&)> check;
+  {
+    std::lock_guard guard(g_customCheckLock);
+    check = CustomRepositoryCheck();
+  }
+  return check && check(rid);
+}
+
+// The first line of a small text file; nothing when it can't be read.
+std::optional<std::string> ReadFirstLine(const Url& file) {
+  Result<std::string> text = file.ReadAll();
+  if (text.HasError()) return std::nullopt;
+  std::string line;
+  LineReader reader(*text);
+  if (!reader.Next(line)) return std::string();
+  return line;
+}
+
+bool IsHexVersionId(std::string_view s) {
+  return s.size() == HASH_LEN && s.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
+// A version Id read from a hash file: 64 hex digits, "deleted", or any other single-line Id a
+// caller forced; nothing for text that can't be one.
+std::optional<Id> ParseHashLine(const std::string& line) {
+  if (IsHexVersionId(line) || line == g_deletedVersionId.View()) return Id(line);
+  if (IsValidIdText(line) && IsSafePathComponent(line)) return Id(line);
+  return std::nullopt;
+}
+
+// True when child lies strictly below root (same scheme, path prefix at a "/").
+bool IsBelow(const Url& child, const Url& root) {
+  if (child.GetScheme() != root.GetScheme()) return false;
+  std::string prefix = root.GetPath();
+  if (prefix.empty() || prefix.back() != '/') prefix += '/';
+  const std::string& path = child.GetPath();
+  if (!path.starts_with(prefix) || path.size() == prefix.size()) return false;
+  const std::string_view rest = std::string_view(path).substr(prefix.size());
+  std::size_t start = 0;
+  while (start <= rest.size()) {
+    const std::size_t slash = rest.find('/', start);
+    const std::string_view part = rest.substr(start, slash == std::string_view::npos ? std::string_view::npos : slash - start);
+    if (part == ".." || part == ".") return false;
+    if (slash == std::string_view::npos) break;
+    start = slash + 1;
+  }
+  return true;
+}
+
+
+const UrlAssetData* GetUrlAssetData(const Data& adata) { return adata.GetPtr<UrlAssetData>(); }
+
+Result<Url> GetVersionDirectory(const Data& vdata) {
+  const Url* dir = vdata.GetPtr<Url>();
+  if (!dir || dir->IsEmpty()) return IllegalArgumentError("Foreign version record @.", vdata);
+  return *dir;
+}
+
+} // namespace
+
+const Id& DataTypeTraits<UrlAssetData>::TypeId() { return kUrlAssetDataType; }
+
+std::size_t HashValue(const UrlAssetData& data) {
+  return CombineHash(std::hash<std::string>()(data.url.ToString()), std::hash<const void*>()(data.versions.get()));
+}
+
+void UrlAssetRepositoryImpl::SetCustomRepositoryCheck(std::function<bool(const Id&)> check) {
+  std::lock_guard guard(g_customCheckLock);
+  CustomRepositoryCheck() = std::move(check);
+}
+
+Id NormalizeAssetTypeId(const std::string& text) {
+  Id type(text == "net.kelvo.node.assettype.nodefactory" ? std::string("net.kelvo.node.assettype.nodetemplate") : text);
+  if (AssetType registered = FindAssetType(type)) return registered->GetId();
+  return type;
+}
+
+Id TypeIdCache::Get(const std::string& text) {
+  auto it = _types.find(text);
+  if (it != _types.end()) return it->second;
+  Id type = NormalizeAssetTypeId(text);
+  if (_types.size() < 256) _types.emplace(text, type);
+  return type;
+}
+
+bool IsValidIdText(std::string_view text) {
+  return !text.empty() && std::none_of(text.begin(), text.end(), [](char c) {
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+  });
+}
+
+// ---- opening -------------------------------------------------------------------------------------
+
+Result<std::shared_ptr<UrlAssetRepositoryImpl>> CreateUrlAssetRepository(const Id& id, const RepositoryArray& bases,
+                                                                         const Url& url, bool writable,
+                                                                         bool derivedInPrefs, bool tempRepository) {
+  auto repository = std::make_shared<UrlAssetRepositoryImpl>();
+  KELVO_RETURN_ON_ERROR(repository->Init(id, bases, url, writable, derivedInPrefs, tempRepository));
+  return repository;
+}
+
+Result<void> UrlAssetRepositoryImpl::Init(const Id& id, const RepositoryArray& bases, const Url& url, bool writable,
+                                          bool derivedInPrefs, bool tempRepository) {
+  if (url.IoDetect() != IODETECT::DIRECTORY) return IllegalArgumentError("@ doesn't point to a directory.", url);
+  _url = url;
+  _versionUrl = url.Append("version");
+  _writable = writable;
+  _tempRepository = tempRepository;
+  RegisterDataBaseAssetType();
+
+  const Url idFile = url.Append("databaseid");
+  Id repositoryId;
+  if (Result<std::string> text = idFile.ReadAll(); text.HasValue()) {
+    std::string fileId = *text;
+    while (!fileId.empty() && (fileId.back() == '\n' || fileId.back() == '\r')) fileId.pop_back();
+    if (IsValidIdText(fileId) && (id.IsEmpty() || id.View() == fileId)) repositoryId = Id(fileId);
+  }
+  if (repositoryId.IsEmpty()) {
+    if (!writable)
+      return IllegalStateError("The repository at path @ has no identifier, so this is not a valid repository path.",
+                               url);
+    if (!id.IsEmpty()) {
+      repositoryId = id;
+    } else {
+      KELVO_ASSIGN_OR_RETURN(repositoryId, MakeUuid("database", true));
+    }
+    KELVO_RETURN_ON_ERROR(idFile.WriteAll(repositoryId.View()));
+  }
+
+  // A databaseid without write permission marks the whole tree read-only; the mode bits are
+  // asked, so that this holds for a privileged user as well.
+  if (_writable && !g_applicationRepositoryWritable.Get() && url.GetScheme() == "file") {
+    struct stat st{};
+    if (::stat(idFile.GetPath().c_str(), &st) == 0 && (st.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0)
+      _writable = false;
+  }
+
+  if (_writable && !derivedInPrefs) {
+    _derivedUrl = url;
+  } else if (!_writable && tempRepository) {
+    _derivedUrl = Url();
+  } else {
+    _derivedUrl = Application::PrivateGetUrl(APPLICATION_URLTYPE::PREFS_DIR)
+                      .Append("dc")
+                      .Append(AssetIdToDirectoryName(repositoryId.View()));
+  }
+  _userUrl = Application::PrivateGetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR).Append("_assets/user.db");
+
+  KELVO_RETURN_ON_ERROR(InitBases(bases));
+  KELVO_RETURN_ON_ERROR(InitImpl(repositoryId, tempRepository));
+  return EnsureDatabaseAsset();
+}
+
+Result<void> UrlAssetRepositoryImpl::EnsureDatabaseAsset() {
+  const Id rid = GetId();
+  const Id aid = DataBaseAssetInterface::GetDatabaseAssetId(rid);
+  ASSET_FIND_MODE mode = LATEST;
+  if (rid != kUserPrefsRepositoryId && rid != kSceneRepositoryId) mode = mode | WITHOUT_BASES;
+  bool found = false;
+  KELVO_RETURN_ON_ERROR(FindAssets(TypeArray{g_databaseAssetTypeId}, aid, Id(), mode,
+                                   [&found](const AssetDescription&) -> Result<bool> {
+                                     found = true;
+                                     return false;
+                                   }));
+  if (found || !IsWritable()) return {};
+  KELVO_RETURN_ON_ERROR(StoreAsset(aid, DataBaseAssetInterface::Create(), nullptr));
+  return {};
+}
+
+Url UrlAssetRepositoryImpl::GetUrl(bool getOrigin) const {
+  if (getOrigin) {
+    if (auto origin = _url.GetData(kOriginUrlKey).Get<Url>(); origin && !origin->IsEmpty()) return *origin;
+  }
+  return _url;
+}
+
+Result<void> UrlAssetRepositoryImpl::Rescan() { return ReloadIds(); }
+
+// ---- names ---------------------------------------------------------------------------------------
+
+Result<std::string> UrlAssetRepositoryImpl::GetRepositoryName(const LanguageRef& language, bool addDetails) {
+  const bool custom = IsCustomRepository(GetId());
+  {
+    std::lock_guard guard(_nameLock);
+    if (!_name.empty()) return _name;
+  }
+  std::string fallback;
+  if (custom) {
+    const auto origin = _url.GetData(kOriginUrlKey).Get<Url>();
+    if (origin && !origin->IsEmpty()) {
+      fallback = origin->GetName();
+      if (addDetails && (origin->GetScheme() == "http" || origin->GetScheme() == "https")) {
+        std::string authority = origin->GetPath();
+        if (const auto slash = authority.find('/'); slash != std::string::npos) authority.resize(slash);
+        fallback += FormatString(" (@)", authority);
+      }
+    } else {
+      fallback = _url.GetName();
+      if (!fallback.empty() && fallback[0] >= 'a' && fallback[0] <= 'z') fallback[0] = static_cast<char>(fallback[0] - 32);
+    }
+  }
+  AssetRepositoryRef self = std::static_pointer_cast<AssetRepositoryInterface>(shared_from_this());
+  return DataBaseAssetInterface::GetRepositoryName(self, language, fallback, addDetails);
+}
+
+Result<void> UrlAssetRepositoryImpl::SetRepositoryName(const std::string& name, const LanguageRef& language) {
+  if (GetId() == kSceneRepositoryId) {
+    std::lock_guard guard(_nameLock);
+    _name = name;
+    return {};
+  }
+  if (IsCustomRepository(GetId())) return IllegalArgumentError("SetRepositoryName is blocked for custom databases.");
+  AssetRepositoryRef self = std::static_pointer_cast<AssetRepositoryInterface>(shared_from_this());
+  return DataBaseAssetInterface::SetRepositoryName(self, name, language);
+}
+
+// ---- known Ids -------------------------------------------------------------------------------------
+
+Result<void> UrlAssetRepositoryImpl::LoadExistingIdsImpl(const IdReceiver& receiver) {
+  for (SideTreeNames* names : {&_userNames, &_derivedNames}) {
+    std::lock_guard guard(names->lock);
+    names->loaded = false;
+    names->names.clear();
+  }
+  LoadedIndex index;
+  KELVO_ASSIGN_OR_RETURN(bool fromIndex, LoadIndex(index));
+  _openedFromIndex = fromIndex;
+  if (fromIndex) {
+    for (LoadedIndex::Asset& asset : index.assets) {
+      KELVO_ASSIGN_OR_RETURN(Data * slot, receiver(asset.aid, asset.type));
+      *slot = Data(UrlAssetData{_url.Append(asset.directoryName), std::move(asset.versions)});
+    }
+    return {};
+  }
+  return ScanTree(receiver, index);
+}
+
+Result<void> UrlAssetRepositoryImpl::ScanTree(const IdReceiver& receiver, LoadedIndex& index) {
+  KELVO_ASSIGN_OR_RETURN(std::vector<DirectoryEntry> entries, BrowseDirectory(_url));
+  TypeIdCache types;
+  for (const DirectoryEntry& entry : entries) {
+    if (IsCurrentJobCancelled()) return OperationCancelledError();
+    if (entry.type != IODETECT::DIRECTORY || entry.isLink) continue;
+    const Url dir = _url.Append(entry.name);
+    Result<std::string> info = dir.Append("asset.info").ReadAll();
+    if (info.HasError()) continue; // _index, working directories of a compaction, foreign folders
+    LineReader reader(*info);
+    std::string idLine, typeLine;
+    if (!reader.Next(idLine) || !reader.Next(typeLine)) continue;
+    if (!IsValidIdText(idLine) || !IsValidIdText(typeLine)) {
+      WarningOutput("Skipping asset directory @: its asset.info holds no valid Id.", dir);
+      continue;
+    }
+    const Id aid(idLine);
+    const Id type = types.Get(typeLine);
+    KELVO_ASSIGN_OR_RETURN(Data * slot, receiver(aid, type));
+    std::shared_ptr<UrlVersionTable> versions;
+    if (const std::size_t at = index.Find(aid); at < index.assets.size() && index.assets[at].directoryName == entry.name)
+      versions = index.assets[at].versions;
+    *slot = Data(UrlAssetData{dir, std::move(versions)});
+  }
+  return {};
+}
+
+// ---- versions ----------------------------------------------------------------------------------------
+
+Result<void> UrlAssetRepositoryImpl::LoadVersionsImpl(const Id& aid, const Id& type, const Data& adata,
+                                                      const VersionReceiver& receiver) {
+  const UrlAssetData* data = GetUrlAssetData(adata);
+  if (!data) return IllegalArgumentError("Foreign asset record @ for @.", adata, aid);
+  const Url& assetDir = data->url;
+  const std::string assetDirectory = assetDir.GetName();
+  if (data->versions) {
+    for (const auto& [number, indexed] : *data->versions) {
+      const Url versionDir = assetDir.Append(std::to_string(number));
+      Url content;
+      std::vector<MetaName> metaNames;
+      for (std::size_t i = 0; i < indexed.names.size(); ++i) {
+        const std::string& name = indexed.names[i];
+        if (i == 0) {
+          if (!name.empty()) content = versionDir.Append(name);
+          continue;
+        }
+        if (auto meta = ClassifyMetaFileName(name, 0)) metaNames.push_back(MetaName{std::move(meta->metaId), meta->kind, meta->isUrl, name});
+      }
+      KELVO_RETURN_ON_ERROR(AddSideTreeMetaData(assetDirectory, number, metaNames));
+      const bool deleted = indexed.versionId == g_deletedVersionId;
+      KELVO_RETURN_ON_ERROR(ReportVersion(aid, type, versionDir, number, indexed.versionId, deleted, content, metaNames,
+                                          &indexed.compacted, receiver));
+    }
+  }
+  {
+    std::lock_guard guard(_lock);
+    if (!_scanNeeded) return {};
+  }
+  if (assetDir.IoDetect() != IODETECT::DIRECTORY) return {};
+  KELVO_ASSIGN_OR_RETURN(std::vector<DirectoryEntry> entries, BrowseDirectory(assetDir));
+  for (const DirectoryEntry& entry : entries) {
+    if (entry.type != IODETECT::DIRECTORY || entry.isLink) continue;
+    std::optional<VersionDirectoryName> parsed = ParseVersionDirectoryName(entry.name);
+    if (!parsed) continue;
+    if (data->versions && data->versions->count(parsed->number)) continue;
+    const Url versionDir = assetDir.Append(entry.name);
+    KELVO_ASSIGN_OR_RETURN(VersionDirectoryContent found, FindContentUrl(versionDir, 0));
+    if (found.incomplete) {
+      DiagnosticOutput("Passing over the unfinished version @ of @.", versionDir, aid);
+      continue;
+    }
+    Id versionId(parsed->versionId);
+    std::optional<Id> fromHashFile;
+    if (versionId.IsEmpty()) {
+      if (auto line = ReadFirstLine(versionDir.Append("hash")); line && !line->empty()) {
+        fromHashFile = ParseHashLine(*line);
+        if (!fromHashFile) WarningOutput("Ignoring the malformed hash file of @.", versionDir);
+      }
+      if (fromHashFile) versionId = *fromHashFile;
+    }
+    std::vector<MetaName> metaNames;
+    for (auto& meta : found.meta)
+      metaNames.push_back(MetaName{std::move(meta.name.metaId), meta.name.kind, meta.name.isUrl, std::move(meta.fileName)});
+    KELVO_RETURN_ON_ERROR(AddSideTreeMetaData(assetDirectory, parsed->number, metaNames));
+    // A deletion mark is a version directory whose hash file says "deleted".
+    const bool deleted = parsed->deleted || versionId == g_deletedVersionId;
+    if (!deleted && found.content.IsEmpty()) continue;
+    {
+      std::lock_guard guard(_lock);
+      _nextVersion = std::max(_nextVersion, parsed->number);
+    }
+    if (versionId.IsEmpty()) {
+      // Content without a hash file: compute the digest, and keep it when the tree is writable.
+      KELVO_ASSIGN_OR_RETURN(Digest digest, HashContent(found.content, Url()));
+      versionId = Id(DigestToHex(digest));
+      if (IsWritable()) KELVO_RETURN_ON_ERROR(versionDir.Append("hash").WriteAll(versionId.ToString() + "\n"));
+    }
+    KELVO_RETURN_ON_ERROR(ReportVersion(aid, type, versionDir, parsed->number, versionId, deleted, found.content,
+                                        metaNames, nullptr, receiver));
+  }
+  return {};
+}
+
+bool UrlAssetRepositoryImpl::MayHaveSideDirectory(SideTreeNames& names, const Url& tree,
+                                                  const std::string& assetDirectory) {
+  std::lock_guard guard(names.lock);
+  if (!names.loaded) {
+    names.names.clear();
+    if (auto entries = BrowseDirectory(tree); entries.HasValue()) {
+      for (DirectoryEntry& e : *entries)
+        if (e.type == IODETECT::DIRECTORY) names.names.insert(std::move(e.name));
+    } else if (tree.IoDetect() != IODETECT::NONE) {
+      // Unreadable: look at each version directory instead of trusting an empty list.
+      return true;
+    }
+    names.loaded = true;
+  }
+  return names.names.count(assetDirectory) != 0;
+}
+
+void UrlAssetRepositoryImpl::NoteSideDirectory(const Url& versionDir, std::uint32_t kind) {
+  SideTreeNames* names = nullptr;
+  if ((kind & AssetMetaData::USER) && !(_userUrl == _url))
+    names = &_userNames;
+  else if ((kind & AssetMetaData::DERIVED) && !(_derivedUrl == _url))
+    names = &_derivedNames;
+  if (!names) return;
+  std::lock_guard guard(names->lock);
+  names->names.insert(versionDir.GetDirectory().GetName());
+}
+
+Result<void> UrlAssetRepositoryImpl::AddSideTreeMetaData(const std::string& assetDirectory, std::uint64_t number,
+                                                         std::vector<MetaName>& metaNames) {
+  const bool user =
+      !_userUrl.IsEmpty() && !(_userUrl == _url) && MayHaveSideDirectory(_userNames, _userUrl, assetDirectory);
+  const bool derived =
+      !_derivedUrl.IsEmpty() && !(_derivedUrl == _url) && MayHaveSideDirectory(_derivedNames, _derivedUrl, assetDirectory);
+  if (!user && !derived) return {};
+  const std::string relative = assetDirectory + "/" + std::to_string(number);
+  if (user) {
+    KELVO_ASSIGN_OR_RETURN(VersionDirectoryContent found, FindContentUrl(_userUrl.Append(relative), AssetMetaData::USER));
+    for (auto& meta : found.meta)
+      if (!meta.name.isUrl)
+        metaNames.push_back(MetaName{std::move(meta.name.metaId), meta.name.kind, false, std::move(meta.fileName)});
+  }
+  if (derived) {
+    KELVO_ASSIGN_OR_RETURN(VersionDirectoryContent found, FindContentUrl(_derivedUrl.Append(relative), 0));
+    for (auto& meta : found.meta)
+      if (!meta.name.isUrl)
+        metaNames.push_back(MetaName{std::move(meta.name.metaId), meta.name.kind, false, std::move(meta.fileName)});
+  }
+  return {};
+}
+
+Result<void> UrlAssetRepositoryImpl::ReportVersion(const Id& aid, const Id& type, const Url& versionDir,
+                                                   std::uint64_t number, const Id& versionId, bool deleted,
+                                                   const Url& content, const std::vector<MetaName>& metaNames,
+                                                   const UrlCompactedValues* compacted,
+                                                   const VersionReceiver& receiver) {
+  const IdAndVersion idv{aid, versionId};
+  const Data vdata(versionDir);
+  MetaEntryMap entries;
+  for (const MetaName& meta : metaNames) {
+    if (!IsValidIdText(meta.metaId)) continue;
+    const InternedId metaId{std::string_view(meta.metaId)};
+    std::uint32_t kind = meta.kind;
+    if (metaId == metaids::timestamp) kind |= AssetMetaData::READ_ONLY;
+    MetaEntry entry{Data(), kind, false, 0};
+    if (meta.isUrl) {
+      Url value("meta", aid.ToString() + "/" + meta.fileName);
+      value.SetQuery(versionId.View());
+      value.SetData(g_resolveInfoKey, Data(ResolveInfo{versionDir.Append(meta.fileName), value.ToString(), nullptr}));
+      entry.data = Data(std::move(value));
+      entry.loaded = true;
+    } else if (compacted && !(kind & (AssetMetaData::DERIVED | AssetMetaData::USER))) {
+      for (const auto& [compactedId, value] : *compacted) {
+        if (compactedId != metaId) continue;
+        entry.data = value;
+        entry.loaded = true;
+        break;
+      }
+    }
+    entries[metaId] = std::move(entry);
+  }
+  std::uint64_t time = 0;
+  if (auto it = entries.find(metaids::timestamp); it != entries.end()) {
+    if (!it->second.loaded) {
+      auto loaded = LoadMetaDataImpl(vdata, metaids::timestamp, it->second.kind);
+      if (loaded.HasError()) {
+        WarningOutput("Can't read the time of version @ of @: @", number, aid, loaded.GetError());
+      } else if (*loaded) {
+        it->second.data = **loaded;
+        it->second.loaded = true;
+      }
+    }
+    if (const auto* t = it->second.data.GetPtr<UniversalDateTime>()) time = t->GetValue();
+  }
+  const VersionKey key{time, number, static_cast<std::uint64_t>(GetId().GetHashCode())};
+  AssetRepositoryRef self = std::static_pointer_cast<AssetRepositoryInterface>(shared_from_this());
+  auto metaData = std::make_shared<AssetMetaDataImpl>(self, type, idv, key, vdata, std::move(entries));
+  auto description = std::make_shared<AssetDescriptionImpl>(idv, type, key, metaData, deleted, self, content);
+  return receiver(key, description, vdata);
+}
+
+// ---- writing ---------------------------------------------------------------------------------------
+
+Result<Data> UrlAssetRepositoryImpl::CreateDataForIdImpl(const Id& aid, const Id& type) {
+  if (!IsWritable()) return IllegalStateError("Illegal state: Condition _writable not fulfilled. ");
+  // Ids that differ only in case or replaced characters would share a directory, and asset.info
+  // can name only one: a later Id gets the first free "<name>~<k>".
+  // A name beginning with "." would be "..", "." or hidden from every scan: it starts with "_".
+  std::string base = AssetIdToDirectoryName(aid.View());
+  if (base.empty() || base.front() == '.') base.insert(base.begin(), '_');
+  Url dir = _url.Append(base);
+  for (int k = 2;; ++k) {
+    if (dir.IoDetect() == IODETECT::NONE) break;
+    auto line = ReadFirstLine(dir.Append("asset.info"));
+    if (!line || *line == aid.View()) break;
+    if (k > 1000) return IllegalStateError("No free directory for asset @ in @.", aid, _url);
+    dir = _url.Append(base + "~" + std::to_string(k));
+  }
+  KELVO_RETURN_ON_ERROR(dir.IoCreateDirectory(true));
+  KELVO_RETURN_ON_ERROR(dir.Append("asset.info").WriteAll(aid.ToString() + "\n" + type.ToString() + "\n"));
+  return Data(UrlAssetData{dir, nullptr});
+}
+
+Result<StoredVersion> UrlAssetRepositoryImpl::StoreImpl(const Asset& asset, bool deleteAsset, const Id& overwrittenHash,
+                                                        const AssetDescription& source, Data& adata,
+                                                        const VersionNumber& version, bool addEncryption) {
+  if (!IsWritable()) return IllegalStateError("Illegal state: Condition _writable not fulfilled. ");
+  if (addEncryption && !source)
+    return IllegalArgumentError("Illegal argument: Condition !addEncryption || source not fulfilled. ");
+  const UrlAssetData* data = GetUrlAssetData(adata);
+  if (!data) return IllegalArgumentError("Foreign asset record @.", adata);
+  const Url dir = data->url.Append(std::to_string(version.number));
+  const bool existed = dir.IoDetect() != IODETECT::NONE;
+  KELVO_RETURN_ON_ERROR(dir.IoCreateDirectory(true));
+  StoredVersion stored;
+  stored.vdata = Data(dir);
+  if (deleteAsset) {
+    stored.versionId = g_deletedVersionId;
+    // Written so that a later scan reads the directory as a deletion mark, not as a lost store.
+    KELVO_RETURN_ON_ERROR(dir.Append("hash").WriteAll(stored.versionId.ToString() + "\n"));
+    return stored;
+  }
+  {
+    KELVO_ASSIGN_OR_RETURN(auto marker, dir.Append(kIncompleteMarker).OpenOutputStream());
+    KELVO_RETURN_ON_ERROR(marker->Close());
+  }
+  if (existed) {
+    // An overwrite replaces the content: drop what an earlier store left.
+    KELVO_ASSIGN_OR_RETURN(VersionDirectoryContent earlier, FindContentUrl(dir, 0));
+    if (!earlier.content.IsEmpty()) KELVO_RETURN_ON_ERROR(earlier.content.IoDelete(true));
+  }
+
+  std::string suffix;
+  if (asset) {
+    AssetType assetType = asset->GetType();
+    if (!assetType) return IllegalStateError("Unknown asset type @.", asset->GetTypeId());
+    suffix = assetType->GetUrlSuffix(asset);
+  } else if (source) {
+    KELVO_ASSIGN_OR_RETURN(Url from, source->GetUrl());
+    suffix = from.GetSuffix();
+  }
+  const std::string contentName = suffix.empty() ? std::string("asset") : "asset." + suffix;
+  if (!IsSafePathComponent(contentName)) return IllegalArgumentError("Illegal content suffix @.", suffix);
+  stored.url = dir.Append(contentName);
+
+  if (source) {
+    stored.versionId = source->GetIdAndVersion().second;
+    KELVO_ASSIGN_OR_RETURN(Url from, source->GetUrl());
+    std::function<Result<void>(const Url&, const Url&)> encrypt;
+    if (addEncryption) {
+      AssetType sourceType = FindAssetType(source->GetTypeId());
+      if (!sourceType) return IllegalStateError("Unknown asset type @.", source->GetTypeId());
+      encrypt = [&](const Url& a, const Url& b) { return sourceType->CopyWithEncryption(source, a, b); };
+    }
+    KELVO_RETURN_ON_ERROR(CopyContent(from, stored.url, encrypt));
+  } else {
+    if (!asset) return IllegalArgumentError("Illegal argument: Condition asset || source not fulfilled. ");
+    AssetType assetType = asset->GetType();
+    Digest digest{};
+    digest.fill(0);
+    bool hashed = false;
+    // The type writes through a hashing stream, so the content is read once.
+    KELVO_ASSIGN_OR_RETURN(stored.extraMeta, assetType->Store(asset, stored.url, &digest));
+    hashed = std::any_of(digest.begin(), digest.end(), [](std::uint8_t b) { return b != 0; });
+    if (!hashed) return IllegalStateError("Illegal state: Condition hash.GetLength() == HASH_LEN/2 not fulfilled. ");
+    stored.versionId = Id(DigestToHex(digest));
+  }
+  if (!overwrittenHash.IsEmpty()) stored.versionId = overwrittenHash;
+  if (!IsValidIdText(stored.versionId.View()))
+    return IllegalArgumentError("Illegal version Id @ for a store.", stored.versionId);
+  // Plain write: the marker keeps a half-written hash file from being read.
+  {
+    KELVO_ASSIGN_OR_RETURN(auto out, dir.Append("hash").OpenOutputStream());
+    const std::string line = stored.versionId.ToString() + "\n";
+    KELVO_RETURN_ON_ERROR(out->Write(line.data(), line.size()));
+    KELVO_RETURN_ON_ERROR(out->Close());
+  }
+  return stored;
+}
+
+void UrlAssetRepositoryImpl::HandleAssetStored(const AssetDescription& asset) {
+  if (asset && asset->GetRepository().get() == this) {
+    auto meta = std::dynamic_pointer_cast<const AssetMetaDataImpl>(asset->GetMetaData());
+    if (const Url* dir = meta ? meta->GetVersionData().GetPtr<Url>() : nullptr) {
+      auto removed = dir->Append(kIncompleteMarker).IoDelete(false);
+      if (removed.HasError())
+        WarningOutput("Can't finish version @ of @: @", asset->GetIdAndVersion().second,
+                      asset->GetIdAndVersion().first, removed.GetError());
+    }
+  }
+  BaseAssetRepositoryImpl::HandleAssetStored(asset);
+}
+
+Result<void> UrlAssetRepositoryImpl::EraseImpl(const AssetDescription&, const Data& vdata) {
+  KELVO_ASSIGN_OR_RETURN(Url dir, GetVersionDirectory(vdata));
+  if (!IsBelow(dir, _url)) return IllegalArgumentError("Version directory @ lies outside @.", dir, _url);
+  return dir.IoDelete(true);
+}
+
+Result<bool> UrlAssetRepositoryImpl::HandleAssetErasedCompletely(const Id& aid, const Data& adata) {
+  const UrlAssetData* data = GetUrlAssetData(adata);
+  if (!data) return IllegalArgumentError("Foreign asset record @ for @.", adata, aid);
+  if (!IsBelow(data->url, _url)) return IllegalArgumentError("Asset directory @ lies outside @.", data->url, _url);
+  KELVO_RETURN_ON_ERROR(data->url.IoDelete(true));
+  return true;
+}
+
+// ---- metadata ----------------------------------------------------------------------------------------
+
+Result<Url> UrlAssetRepositoryImpl::SideTreeDirectory(const Url& versionDir, std::uint32_t kind, bool& none) const {
+  none = false;
+  const Url* tree = nullptr;
+  if ((kind & AssetMetaData::USER) && !(_userUrl == _url))
+    tree = &_userUrl;
+  else if ((kind & AssetMetaData::DERIVED) && !(_derivedUrl == _url))
+    tree = &_derivedUrl;
+  if (!tree) return versionDir;
+  if (tree->IsEmpty()) {
+    none = true;
+    return Url();
+  }
+  return tree->Append(versionDir.GetDirectory().GetName()).Append(versionDir.GetName());
+}
+
+Result<std::optional<Data>> UrlAssetRepositoryImpl::LoadMetaDataImpl(const Data& vdata, const InternedId& metaId,
+                                                                     std::uint32_t kind) {
+  KELVO_ASSIGN_OR_RETURN(Url versionDir, GetVersionDirectory(vdata));
+  bool none = false;
+  KELVO_ASSIGN_OR_RETURN(Url dir, SideTreeDirectory(versionDir, kind, none));
+  if (none) return std::optional<Data>();
+  const std::string fileName = metaId.ToString() + MetaFileSuffix(kind);
+  if (!IsSafePathComponent(fileName)) return IllegalArgumentError("Illegal metadata Id @.", metaId);
+  return ReadMetaDataFile(dir.Append(fileName), (kind & AssetMetaData::DERIVED) != 0);
+}
+
+Result<Data> UrlAssetRepositoryImpl::StoreMetaDataImpl(const Data& vdata, const InternedId& metaId, const Data& data,
+                                                       const IdAndVersion& asset, const Url& source,
+                                                       std::uint32_t kind, bool urlMode) {
+  kind &= AssetMetaData::MASK;
+  KELVO_ASSIGN_OR_RETURN(Url versionDir, GetVersionDirectory(vdata));
+  if (!IsValidIdText(metaId.View()) || metaId.View().find('/') != std::string_view::npos)
+    return IllegalArgumentError("Illegal metadata Id @.", metaId);
+  bool none = false;
+  KELVO_ASSIGN_OR_RETURN(Url dir, SideTreeDirectory(versionDir, kind, none));
+  if (none) return IllegalStateError("Asset repository @ doesn't support to store derived meta data.", GetId());
+
+  // A changed persistent value makes every derived value of the version stale.
+  // Only a separate derived tree is cleared: derived values kept in the root stay.
+  if ((kind == AssetMetaData::PERSISTENT || kind == kPersistentUser) && !_derivedUrl.IsEmpty() &&
+      !(_derivedUrl == _url)) {
+    bool noDerived = false;
+    KELVO_ASSIGN_OR_RETURN(Url derivedDir, SideTreeDirectory(versionDir, AssetMetaData::PERSISTENT | AssetMetaData::DERIVED, noDerived));
+    if (!noDerived && derivedDir.IoDetect() == IODETECT::DIRECTORY) {
+      KELVO_ASSIGN_OR_RETURN(std::vector<DirectoryEntry> entries, BrowseDirectory(derivedDir));
+      for (const DirectoryEntry& e : entries)
+        if (e.name.ends_with(".derived")) KELVO_RETURN_ON_ERROR(derivedDir.Append(e.name).IoDelete(false));
+    }
+  }
+
+  if (!urlMode) {
+    const bool written = kind == 2 || kind == 6 || kind == 7 || kind == 10 || kind == kPersistentUser;
+    if (!written) {
+      if (kind & AssetMetaData::PERSISTENT)
+        return IllegalArgumentError("Illegal argument: Condition !(kind & AssetMetaData::KIND::PERSISTENT) not fulfilled. ");
+      return data;
+    }
+    const Url file = dir.Append(metaId.ToString() + MetaFileSuffix(kind));
+    if (data.IsEmpty()) {
+      KELVO_RETURN_ON_ERROR(file.IoDelete(false));
+      return data;
+    }
+    KELVO_RETURN_ON_ERROR(dir.IoCreateDirectory(true));
+    NoteSideDirectory(versionDir, kind);
+    KELVO_RETURN_ON_ERROR(WriteMetaDataFile(file, data, kind == 10));
+    return data;
+  }
+
+  if (kind != 2 && kind != 6 && kind != 7)
+    return IllegalArgumentError("Kind @ can't hold a file as metadata.", kind);
+  const std::string base = metaId.ToString() + (kind == 2 ? ".meta" : ".version");
+  std::string suffix = source.GetSuffix();
+  if (suffix.empty() || suffix.find('/') != std::string::npos) suffix = "file";
+  const std::string name = base + "." + suffix;
+  if (!IsSafePathComponent(name)) return IllegalArgumentError("Illegal metadata file name @.", name);
+  KELVO_RETURN_ON_ERROR(dir.IoCreateDirectory(true));
+  KELVO_ASSIGN_OR_RETURN(std::vector<DirectoryEntry> entries, BrowseDirectory(dir));
+  for (const DirectoryEntry& e : entries) {
+    if (e.name != base && !e.name.starts_with(base + ".")) continue;
+    if (!source.IsEmpty() && e.name == name) continue;
+    KELVO_RETURN_ON_ERROR(dir.Append(e.name).IoDelete(true));
+  }
+  if (source.IsEmpty()) return Data();
+  const Url target = dir.Append(name);
+  KELVO_RETURN_ON_ERROR(CopyContent(source, target));
+  Url value("meta", asset.first.ToString() + "/" + name);
+  value.SetQuery(asset.second.View());
+  value.SetData(g_resolveInfoKey, Data(ResolveInfo{target, value.ToString(), nullptr}));
+  return Data(std::move(value));
+}
+
+// ---- version numbers ---------------------------------------------------------------------------------
+
+Result<void> UrlAssetRepositoryImpl::WriteNextVersion(std::uint64_t version) {
+  return _versionUrl.WriteAll(std::to_string(version) + "\n");
+}
+
+Result<VersionNumber> UrlAssetRepositoryImpl::GetNextVersionImpl() {
+  std::lock_guard guard(_lock);
+  const std::uint64_t next = _nextVersion + 1;
+  KELVO_RETURN_ON_ERROR(WriteNextVersion(next));
+  _nextVersion = next;
+  _versionFileHolds = next;
+  return VersionNumber{next, static_cast<std::uint64_t>(GetId().GetHashCode())};
+}
+
+Result<void> UrlAssetRepositoryImpl::UpdateNextVersionImpl(const VersionNumber& currentVersion) {
+  std::lock_guard guard(_lock);
+  const std::uint64_t next = std::max(_nextVersion, currentVersion.number);
+  // The file already holds the number when this object wrote it: no rewrite per store.
+  if (next == _versionFileHolds && _versionUrl.IoDetect() == IODETECT::FILE) return {};
+  KELVO_RETURN_ON_ERROR(WriteNextVersion(next));
+  _nextVersion = next;
+  _versionFileHolds = next;
+  return {};
+}
+
+} // namespace kelvo

@@ -1,0 +1,160 @@
+// Names and files of the URL repository tree.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "kelvo/hash.h"
+#include "asset/storage/url_layout.h"
+
+using namespace kelvo;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string Sha256Hex(const std::string& bytes) {
+  Sha256 h;
+  h.Update(bytes.data(), bytes.size());
+  const auto d = h.Finish();
+  return ToHex(d.data(), d.size());
+}
+
+TEST(UrlLayoutTest, AssetDirectoryNames) {
+  EXPECT_EQ(AssetIdToDirectoryName("My Asset/One"), "my_asset_one");
+  EXPECT_EQ(AssetIdToDirectoryName("a$b-c.d_e09"), "a$b-c.d_e09");
+  EXPECT_EQ(AssetIdToDirectoryName("\xc3\xa4/..\\"), "___.._");
+  EXPECT_EQ(AssetIdToDirectoryName(std::string("a\0b", 3)), "a_b");
+}
+
+TEST(UrlLayoutTest, VersionDirectoryNames) {
+  auto seven = ParseVersionDirectoryName("007");
+  ASSERT_TRUE(seven);
+  EXPECT_EQ(seven->number, 7u);
+  EXPECT_TRUE(seven->versionId.empty());
+  auto deleted = ParseVersionDirectoryName("12-deleted");
+  ASSERT_TRUE(deleted);
+  EXPECT_EQ(deleted->number, 12u);
+  EXPECT_TRUE(deleted->deleted);
+  EXPECT_EQ(deleted->versionId, "deleted");
+  const std::string digest(40, 'A');
+  auto old = ParseVersionDirectoryName("12-" + digest);
+  ASSERT_TRUE(old);
+  EXPECT_EQ(old->number, 12u);
+  EXPECT_EQ(old->versionId, std::string(40, 'a'));
+  for (const char* bad : {"abc", "12a", "", "-deleted", "1 2", "99999999999999999999999"})
+    EXPECT_FALSE(ParseVersionDirectoryName(bad)) << bad;
+  EXPECT_FALSE(ParseVersionDirectoryName("-" + digest));
+}
+
+TEST(UrlLayoutTest, MetadataFileNames) {
+  auto meta = ClassifyMetaFileName("thumb.meta", 0);
+  ASSERT_TRUE(meta);
+  EXPECT_EQ(meta->metaId, "thumb");
+  EXPECT_EQ(meta->kind, 2u);
+  EXPECT_FALSE(meta->isUrl);
+  auto url = ClassifyMetaFileName("thumb.meta.png", 0);
+  ASSERT_TRUE(url);
+  EXPECT_EQ(url->metaId, "thumb");
+  EXPECT_TRUE(url->isUrl);
+  EXPECT_EQ(ClassifyMetaFileName("a.b.version", 16)->kind, 16u + 6u);
+  EXPECT_EQ(ClassifyMetaFileName("x.derived", 0)->kind, 10u);
+  EXPECT_EQ(ClassifyMetaFileName("net.kelvo.asset.timestamp.version", 0)->metaId, "net.kelvo.asset.timestamp");
+  for (const char* none : {"thumb.png", "x.y.png", "hash", "asset.txt", "meta"})
+    EXPECT_FALSE(ClassifyMetaFileName(none, 0)) << none;
+  EXPECT_STREQ(MetaFileSuffix(10), ".derived");
+  EXPECT_STREQ(MetaFileSuffix(7), ".version");
+  EXPECT_STREQ(MetaFileSuffix(18), ".meta");
+}
+
+TEST(UrlLayoutTest, LinesDropCarriageReturns) {
+  LineReader reader("one\r\ntwo\n\nthree");
+  std::vector<std::string> lines;
+  std::string line;
+  while (reader.Next(line)) lines.push_back(line);
+  EXPECT_EQ(lines, (std::vector<std::string>{"one", "two", "", "three"}));
+  LineReader empty("");
+  EXPECT_FALSE(empty.Next(line));
+  LineReader trailing("a\n");
+  ASSERT_TRUE(trailing.Next(line));
+  EXPECT_FALSE(trailing.Next(line));
+}
+
+class UrlLayoutFileTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    _root = fs::path("/tmp") / ("kelvo_layout_" + std::to_string(::getpid()) + "_" +
+                                ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(_root);
+    fs::create_directories(_root);
+  }
+  void TearDown() override { fs::remove_all(_root); }
+  void Write(const std::string& relative, const std::string& content) {
+    fs::create_directories((_root / relative).parent_path());
+    std::ofstream(_root / relative, std::ios::binary) << content;
+  }
+  Url U(const std::string& relative) const { return Url::FromFile((_root / relative).string()); }
+  fs::path _root;
+};
+
+TEST_F(UrlLayoutFileTest, DirectoryDigestIsTheDigestOfItsListingInLetterOrder) {
+  Write("d/b", "x");
+  Write("d/A.TXT", "");
+  Write("d/.hidden", "h");
+  Write("d/sub/c", "y");
+  fs::create_symlink("/etc/passwd", _root / "d" / "link");
+  // Names as they are, letters before case ("." sorts first), hidden entries counted, links left out.
+  const std::string expected = Sha256Hex(Sha256Hex("h") + "  .hidden\n" + Sha256Hex("") + "  A.TXT\n" +
+                                         Sha256Hex("x") + "  b\n" + Sha256Hex(Sha256Hex("y") + "  c\n") + "  sub\n");
+  EXPECT_EQ(DigestToHex(*HashContent(U("d"), Url())), expected);
+  // Copying at the same time gives the same digest and the same tree, without the link.
+  auto copied = HashContent(U("d"), U("copy"));
+  ASSERT_TRUE(copied.HasValue());
+  EXPECT_EQ(DigestToHex(*copied), expected);
+  EXPECT_TRUE(fs::exists(_root / "copy" / "sub" / "c"));
+  EXPECT_TRUE(fs::exists(_root / "copy" / ".hidden"));
+  EXPECT_FALSE(fs::exists(fs::symlink_status(_root / "copy" / "link")));
+  EXPECT_EQ(DigestToHex(*HashContent(U("copy"), Url())), expected);
+  EXPECT_TRUE(HashContent(U("missing"), Url()).HasError());
+  fs::create_directories(_root / "emptydir");
+  EXPECT_EQ(DigestToHex(*HashContent(U("emptydir"), Url())), Sha256Hex(""));
+  // A tree is never copied into itself.
+  auto inside = CopyContent(U("d"), U("d/sub/again"));
+  ASSERT_TRUE(inside.HasError());
+  EXPECT_FALSE(fs::exists(_root / "d" / "sub" / "again"));
+}
+
+TEST_F(UrlLayoutFileTest, ContentAndMetadataOfAVersionDirectory) {
+  Write("v/asset.png", "c");
+  Write("v/hash", "h");
+  Write("v/thumb.meta", "m");
+  Write("v/thumb.meta.png", "p");
+  Write("v/other.png", "o");
+  Write("v/.incomplete", "");
+  auto found = FindContentUrl(U("v"), 0);
+  ASSERT_TRUE(found.HasValue());
+  EXPECT_EQ(found->contentName, "asset.png");
+  EXPECT_TRUE(found->incomplete);
+  EXPECT_EQ(found->meta.size(), 2u);
+  auto missing = FindContentUrl(U("nothing"), 0);
+  ASSERT_TRUE(missing.HasValue());
+  EXPECT_TRUE(missing->content.IsEmpty());
+  EXPECT_TRUE(missing->meta.empty());
+}
+
+TEST_F(UrlLayoutFileTest, AtomicWritesLeaveNoTemporaryFiles) {
+  ASSERT_TRUE(U("f").WriteAll("one").HasValue());
+  ASSERT_TRUE(U("f").WriteAll("two").HasValue());
+  std::size_t n = 0;
+  for ([[maybe_unused]] const auto& e : fs::directory_iterator(_root)) ++n;
+  EXPECT_EQ(n, 1u);
+  EXPECT_TRUE(U("missing/f").WriteAll("x").HasError());
+}
+
+TEST(UrlLayoutTest, SafePathComponents) {
+  for (const char* ok : {"a", "asset.png", "...", "a..b"}) EXPECT_TRUE(IsSafePathComponent(ok)) << ok;
+  for (const char* bad : {"", ".", "..", "a/b", "/", "../x"}) EXPECT_FALSE(IsSafePathComponent(bad)) << bad;
+  EXPECT_FALSE(IsSafePathComponent(std::string("a\0b", 3)));
+}
+
+} // namespace
