@@ -537,6 +537,25 @@ Result<void> RamDiskService::LoadIntoCache(const Url& directoryUrl, const RamDis
   return {};
 }
 
+Result<void> RamDiskService::DropFromCache(const Url& directoryUrl) {
+  KELVO_ASSIGN_OR_RETURN(Located at, Locate(directoryUrl));
+  auto mount = RamDiskAccess::GetMount(*at.disk);
+  if (!mount) return {};
+  KELVO_ASSIGN_OR_RETURN(const std::vector<std::string> files, mount->FilesAt(at.rel, directoryUrl));
+  std::vector<std::string> dropped;
+  for (const std::string& rel : files) {
+    const std::string path = mount->MirrorPath(rel);
+    // Only a regular file is ours to remove; anything else in its place is never read either.
+    if (Probe(path) == MirrorProbe::PRESENT && ::unlink(path.c_str()) != 0 && errno != ENOENT)
+      return IoError("Can't remove mirror file @: @", path, ErrnoText());
+    std::unique_lock guard(mount->lock);
+    auto it = mount->files.find(rel);
+    if (it != mount->files.end() && std::exchange(it->second.cached, false)) dropped.push_back(rel);
+  }
+  for (const std::string& rel : dropped) at.disk->ObservableLoadIntoCacheChange().Notify(FileUrl(*at.disk, rel), false);
+  return {};
+}
+
 void RegisterRamDiskIoHandler() {
   static std::once_flag once;
   std::call_once(once, [] { RegisterIoHandler(std::make_shared<RamDiskIoHandler>()); });

@@ -100,6 +100,10 @@ public:
   // calling progress with the bytes done and in all (mirrored files count as done; the total
   // grows by a file's size when its transfer starts). Blocks; any thread.
   static Result<void> LoadIntoCache(const Url& directoryUrl, const RamDisk::LoadProgressDelegate& progress);
+  // Removes the mirrored copies of the files at or below directoryUrl, so that they count as not
+  // fetched (a download that failed its check is not kept). Nothing for an in-memory disk. An io
+  // error for a URL that names nothing or a copy that can't be removed. Any thread.
+  static Result<void> DropFromCache(const Url& directoryUrl);
 };
 
 // Registers the handler for "ramdisk"; calling it again does nothing.
