@@ -5,12 +5,15 @@
 
 #include "asset/databases/asset_databases.h"
 #include "asset/standard/assets.h"
+#include "asset/types/command_asset.h"
+#include "asset/types/typed_assets.h"
 #include "kelvo/log.h"
 
 namespace kelvo {
 
 Result<void> StartAssetModule() {
   if (PrivateStandardRepositoriesStarted()) return {};
+  KELVO_RETURN_ON_ERROR(RegisterTypedAssetTypes());
   KELVO_RETURN_ON_ERROR(PrivateStartStandardRepositories());
   // The first mount pass only gets enqueued here; callers wait with WaitForDatabaseLoading.
   if (Result<void> databases = PrivateStartAssetDatabases(); databases.HasError())
@@ -22,6 +25,7 @@ void EndAssetModule() {
   // The mount pass uses the standard repositories: it is cancelled and waited for first.
   PrivateEndAssetDatabases();
   PrivateEndStandardRepositories();
+  CommandAssetInterface::PrivateClearLegacyTables();
 }
 
 bool IsAssetModuleStarted() { return PrivateStandardRepositoriesStarted(); }

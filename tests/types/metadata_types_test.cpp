@@ -1,0 +1,127 @@
+// What every metadata-only typed asset type shares, and the smart search, node space, plugin and
+// subtype assets.
+
+#include "asset/types/category_asset.h"
+#include "asset/types/color_category_asset.h"
+#include "asset/types/command_asset.h"
+#include "asset/types/keyword_asset.h"
+#include "asset/types/marker_assets.h"
+#include "asset/types/metadata_asset_type.h"
+#include "asset/types/smart_search_asset.h"
+#include "types_fixture.h"
+
+namespace kelvo::testing {
+namespace {
+
+using MetadataTypesTest = TypesTest;
+
+struct TypeCase {
+  Id type;
+  Asset (*create)();
+  const char* refusal;
+};
+
+const TypeCase kCases[] = {
+    {KeywordAssetInterface::TypeId(), &KeywordAssetInterface::Create, "Given asset is not a valid keyword."},
+    {CategoryAssetInterface::TypeId(), &CategoryAssetInterface::Create, "Given asset is not a valid category."},
+    {ColorCategoryAssetInterface::TypeId(), &ColorCategoryAssetInterface::Create,
+     "Given asset is not a valid color category."},
+    {CommandAssetInterface::TypeId(), &CommandAssetInterface::Create, "Given asset is not a valid command."},
+    {SmartSearchAssetInterface::TypeId(), &SmartSearchAssetInterface::Create,
+     "Given asset is not a valid smart filter."},
+    {NodeSpaceAssetInterface::TypeId(), &NodeSpaceAssetInterface::Create, "Given asset is not a valid nodespace."},
+    {PluginAssetInterface::TypeId(), &PluginAssetInterface::Create, "Given asset is not a valid plugin."},
+    {SubTypeAssetInterface::TypeId(), &SubTypeAssetInterface::Create, "Given asset is not a valid subtype."},
+};
+
+TEST_F(MetadataTypesTest, EachTypeStoresZeroBytesIsFoundByTypeAndRefusesForeignAssets) {
+  auto repo = Open();
+  for (const TypeCase& c : kCases) {
+    SCOPED_TRACE(c.type.ToString());
+    AssetDescription d = Store(repo, "one_" + c.type.ToString(), c.create());
+    ASSERT_TRUE(d);
+    const AssetType type = FindAssetType(c.type);
+    ASSERT_TRUE(type);
+    EXPECT_EQ(type->GetData(assettypeproperties::supportVersions).GetValue(), Data(false));
+    EXPECT_EQ(type->GetUrlSuffix(c.create()), "");
+    // A foreign asset: refused before the URL is touched.
+    const auto file = Dir("main") / "foreign";
+    auto refused = type->Store(MakeText("x"), Url::FromFile(file.string()), nullptr);
+    ASSERT_TRUE(refused.HasError());
+    EXPECT_EQ(refused.GetError().GetMessage(), c.refusal);
+    EXPECT_FALSE(std::filesystem::exists(file));
+    // Another type's asset is as foreign as a file.
+    const TypeCase& other = &c == &kCases[0] ? kCases[1] : kCases[0];
+    EXPECT_TRUE(type->Store(other.create(), Url(), nullptr).HasError());
+  }
+  repo.reset();
+  repo = Open();
+  for (const TypeCase& c : kCases) {
+    SCOPED_TRACE(c.type.ToString());
+    std::vector<AssetDescription> found;
+    ASSERT_TRUE(repo->FindAssets(TypeArray{c.type}, Id(), Id(), LATEST, [&](const AssetDescription& d) -> Result<bool> {
+      found.push_back(d);
+      return true;
+    }).HasValue());
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0]->GetIdAndVersion().first.ToString(), "one_" + c.type.ToString());
+    // The version Id is the hash of nothing.
+    EXPECT_EQ(found[0]->GetIdAndVersion().second.ToString(),
+              "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    EXPECT_EQ(std::filesystem::file_size(found[0]->GetUrl().GetValue().GetPath()), 0u);
+    auto loaded = found[0]->Load(false);
+    ASSERT_TRUE(loaded.HasValue()) << loaded.GetError().ToString();
+    EXPECT_EQ((*loaded)->GetType(), FindAssetType(c.type));
+  }
+}
+
+TEST_F(MetadataTypesTest, TagsAndCategoryAreAnsweredByTheTypesThatHaveNone) {
+  auto repo = Open();
+  AssetDescription search = Store(repo, "s", SmartSearchAssetInterface::Create());
+  AssetDescription plugin = Store(repo, "p", PluginAssetInterface::Create());
+  auto tags = search->GetMetaData()->GetValue<std::string>(typedmetaids::tags);
+  ASSERT_TRUE(tags.HasValue() && *tags);
+  EXPECT_EQ(**tags, "");
+  auto category = plugin->GetMetaData()->Get(typedmetaids::baseCategory);
+  ASSERT_TRUE(category.HasValue() && *category);
+  EXPECT_EQ(**category, Data(Id()));
+}
+
+TEST_F(MetadataTypesTest, ASmartSearchKeepsItsFilterText) {
+  auto repo = Open();
+  AssetDescription d = Store(repo, "recent wood", SmartSearchAssetInterface::Create(), "Recent wood");
+  auto never = d->Load(false);
+  ASSERT_TRUE(never.HasValue());
+  EXPECT_EQ(dynamic_cast<SmartSearchAssetInterface&>(**never).GetFilterString(), "");
+  ASSERT_TRUE(SmartSearchAssetInterface::SetFilterString(d, "keyword:wood date:>2026").HasValue());
+  repo.reset();
+  repo = Open();
+  auto loaded = Latest(repo, "recent wood")->Load(false);
+  ASSERT_TRUE(loaded.HasValue());
+  EXPECT_EQ(dynamic_cast<SmartSearchAssetInterface&>(**loaded).GetFilterString(), "keyword:wood date:>2026");
+}
+
+TEST_F(MetadataTypesTest, PluginAssetsOfReplacedModulesAreRenamed) {
+  auto replacements = GetRegistry<Id>(Id("net.kelvo.registry.replacemodule"));
+  ASSERT_TRUE(replacements.HasValue());
+  (*replacements)->InsertEntry(Id("net.old.module"), Id("net.new.module"));
+  (*replacements)->InsertEntry(Id("net.emptied"), Id());
+  EXPECT_EQ(PluginAssetInterface::RenamePluginAsset(Id("builtin_plugin_net.old.module")).GetValue(),
+            Id("builtin_plugin_net.new.module"));
+  EXPECT_EQ(PluginAssetInterface::RenamePluginAsset(Id("builtin_plugin_net.emptied")).GetValue(), Id("builtin_plugin_"));
+  EXPECT_TRUE(PluginAssetInterface::RenamePluginAsset(Id("builtin_plugin_net.other")).GetValue().IsEmpty());
+  EXPECT_TRUE(PluginAssetInterface::RenamePluginAsset(Id("net.old.module")).GetValue().IsEmpty());
+  EXPECT_TRUE(PluginAssetInterface::RenamePluginAsset(Id("builtin_plugin_")).GetValue().IsEmpty());
+  // The renaming is registered where the repositories look for renamings.
+  using Renaming = std::function<Result<Id>(const Id&)>;
+  auto renamings = GetRegistry<Renaming>(Id("net.kelvo.registry.assetrenamings"));
+  ASSERT_TRUE(renamings.HasValue());
+  auto entry = (*renamings)->FindEntryValue(Id("net.kelvo.asset.renaming.plugin"));
+  ASSERT_TRUE(entry && *entry);
+  EXPECT_EQ((*entry)(Id("builtin_plugin_net.old.module")).GetValue(), Id("builtin_plugin_net.new.module"));
+  (*replacements)->EraseEntry(Id("net.old.module"));
+  (*replacements)->EraseEntry(Id("net.emptied"));
+}
+
+} // namespace
+} // namespace kelvo::testing

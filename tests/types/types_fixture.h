@@ -1,0 +1,96 @@
+#pragma once
+// On-disk repositories for the typed asset tests: a temporary tree with two repository roots
+// (main and base) and the two preference trees, removed after each test.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "asset/storage/urlassetrepository.h"
+#include "asset/types/typed_assets.h"
+#include "kelvo/application.h"
+#include "kelvo/settings.h"
+#include "test_assets.h"
+
+namespace kelvo::testing {
+
+inline const Id kMainRepo{"test.types.main"};
+inline const Id kBaseRepo{"test.types.base"};
+
+class TypesTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    RegisterTextAssetType();
+    ASSERT_TRUE(RegisterTypedAssetTypes().HasValue());
+    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+    _base = std::filesystem::path("/tmp") / ("kelvo_types_" + std::string(info->test_suite_name()) + "_" +
+                                             std::string(info->name()) + "_" + std::to_string(::getpid()));
+    std::filesystem::remove_all(_base);
+    for (const char* dir : {"main", "base", "prefs", "globalprefs"}) std::filesystem::create_directories(_base / dir);
+    Application::SetUrl(APPLICATION_URLTYPE::PREFS_DIR, Url::FromFile((_base / "prefs").string()));
+    Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, Url::FromFile((_base / "globalprefs").string()));
+    Settings::Reload();
+  }
+  void TearDown() override {
+    Application::SetUrl(APPLICATION_URLTYPE::PREFS_DIR, Url());
+    Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, Url());
+    Settings::Reload();
+    std::error_code ec;
+    std::filesystem::remove_all(_base, ec);
+  }
+
+  std::filesystem::path Dir(const std::string& name) const { return _base / name; }
+
+  // Opens the repository in directory dir (main or base) with the given bases.
+  std::shared_ptr<UrlAssetRepositoryImpl> Open(const std::string& dir = "main", const Id& id = kMainRepo,
+                                               const RepositoryArray& bases = {}, bool writable = true) {
+    auto r = CreateUrlAssetRepository(id, bases, Url::FromFile(Dir(dir).string()), writable, false, false);
+    EXPECT_TRUE(r.HasValue()) << r.GetError().ToString();
+    return r.HasValue() ? *r : nullptr;
+  }
+
+  static AssetDescription Store(const AssetRepositoryRef& repo, const std::string& aid, const Asset& asset,
+                                const std::string& name = std::string()) {
+    auto r = repo->StoreAsset(Id(aid), asset, nullptr);
+    EXPECT_TRUE(r.HasValue()) << r.GetError().ToString();
+    if (!r.HasValue()) return nullptr;
+    if (!name.empty()) {
+      auto named = (*r)->StoreMetaString(stringkeys::name, name, nullptr);
+      EXPECT_TRUE(named.HasValue()) << named.GetError().ToString();
+    }
+    return *r;
+  }
+
+  static AssetDescription Latest(const AssetRepositoryRef& repo, const std::string& aid, const Id& type = Id()) {
+    auto r = repo->FindLatestAsset(type, Id(aid), Id(), LATEST);
+    EXPECT_TRUE(r.HasValue()) << r.GetError().ToString();
+    return r.HasValue() ? *r : nullptr;
+  }
+
+  // Every file below dir, relative paths with their contents, for "nothing changed" checks.
+  static std::map<std::string, std::string> Snapshot(const std::filesystem::path& dir) {
+    std::map<std::string, std::string> files;
+    std::error_code ec;
+    for (auto it = std::filesystem::recursive_directory_iterator(dir, ec); it != std::filesystem::end(it); ++it) {
+      if (!it->is_regular_file()) continue;
+      std::ifstream in(it->path(), std::ios::binary);
+      files[std::filesystem::relative(it->path(), dir).string()] =
+          std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    return files;
+  }
+
+  // True when some file below dir has a name containing part.
+  static bool HasFileNamed(const std::filesystem::path& dir, const std::string& part) {
+    for (const auto& [path, content] : Snapshot(dir))
+      if (std::filesystem::path(path).filename().string().find(part) != std::string::npos) return true;
+    return false;
+  }
+
+  std::filesystem::path _base;
+};
+
+} // namespace kelvo::testing
