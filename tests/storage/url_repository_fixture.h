@@ -48,13 +48,13 @@ protected:
   std::filesystem::path Root() const { return _base / "repo"; }
   Url RootUrl() const { return Url::FromFile(Root().string()); }
 
-  std::shared_ptr<UrlAssetRepositoryImpl> Open(bool writable = true, const std::string& id = "test.repo") {
+  std::shared_ptr<UrlAssetRepository> Open(bool writable = true, const std::string& id = "test.repo") {
     auto r = CreateUrlAssetRepository(Id(id), {}, RootUrl(), writable, false, false);
     EXPECT_TRUE(r.HasValue()) << r.GetError().ToString();
     return r.HasValue() ? *r : nullptr;
   }
 
-  static AssetDescription Store(const std::shared_ptr<UrlAssetRepositoryImpl>& repo, const std::string& aid,
+  static AssetDescription Store(const std::shared_ptr<UrlAssetRepository>& repo, const std::string& aid,
                                 const std::string& text, const AssetMetaDataRef& meta = nullptr) {
     auto r = repo->StoreAsset(Id(aid), MakeText(text), meta);
     EXPECT_TRUE(r.HasValue()) << r.GetError().ToString();

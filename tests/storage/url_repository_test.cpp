@@ -141,7 +141,8 @@ TEST_F(UrlRepositoryTest, StoreCloseReopenFindsAssetsVersionsAndMetadata) {
   EXPECT_EQ(MetaValue(latest, kUserNote), Data(Id("mine")));
   auto preview = MetaValue(latest, kPreview);
   ASSERT_TRUE(preview && preview->GetPtr<Url>());
-  EXPECT_EQ(preview->GetPtr<Url>()->ToString(), "meta:///My Asset/One/net.kelvo.test.preview.meta.png?" + v2);
+  // The "/" of the Id is escaped, so that the URL names the Id and then the file.
+  EXPECT_EQ(preview->GetPtr<Url>()->ToString(), "meta:///My Asset%2FOne/net.kelvo.test.preview.meta.png?" + v2);
   // The time of each version survives, and orders the versions.
   auto times = std::map<std::string, std::uint64_t>();
   ASSERT_TRUE(repo->FindAssets(TypeArray{kTextType}, Id("My Asset/One"), Id(), ALL | WITHOUT_BASES,
@@ -333,10 +334,14 @@ TEST_F(UrlRepositoryTest, RepositoryNameIsKeptByTheDatabaseAsset) {
   name = reopened->GetRepositoryName(nullptr, false);
   ASSERT_TRUE(name.HasValue());
   EXPECT_EQ(*name, "My Library 2");
-  // A custom (mounted) repository refuses the change and falls back to its directory's name.
-  UrlAssetRepositoryImpl::SetCustomRepositoryCheck([](const Id& rid) { return rid == Id("test.repo"); });
-  EXPECT_TRUE(reopened->SetRepositoryName("x", nullptr).HasError());
-  UrlAssetRepositoryImpl::SetCustomRepositoryCheck(nullptr);
+  reopened.reset();
+  // Opened as a custom (user-mounted) database, it refuses the change and keeps the stored name.
+  auto custom = CreateUrlAssetRepository(Id("test.repo"), {}, RootUrl(), RepositoryOptions{.writable = true, .custom = true});
+  ASSERT_TRUE(custom.HasValue()) << custom.GetError().ToString();
+  EXPECT_TRUE((*custom)->SetRepositoryName("x", nullptr).HasError());
+  name = (*custom)->GetRepositoryName(nullptr, false);
+  ASSERT_TRUE(name.HasValue());
+  EXPECT_EQ(*name, "My Library 2");
 }
 
 // ---- bad trees -------------------------------------------------------------------------------------

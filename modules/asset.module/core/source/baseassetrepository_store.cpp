@@ -58,6 +58,13 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
                                                             bool updateInPlace, const AssetDescription& source,
                                                             bool addEncryption, bool overwrite) {
   if (aid.IsEmpty()) return IllegalArgumentError("Asset ID cannot be null.");
+  // Ids end up in line-based files and listings: a control character would split or hide one.
+  const std::string_view text = aid.View();
+  for (std::size_t at = 0; at < text.size(); ++at)
+    if (static_cast<unsigned char>(text[at]) < 0x20 || text[at] == 0x7f)
+      return IllegalArgumentError("Asset Id @... contains a control character (code @) at position @.",
+                                  std::string(text.substr(0, at)), static_cast<int>(static_cast<unsigned char>(text[at])),
+                                  at);
   // 1. A copied version must be valid for this application.
   if (source) {
     KELVO_ASSIGN_OR_RETURN(bool valid, IsAssetValid(source));
@@ -116,6 +123,12 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
 
   // 9. Stores to one Id run one at a time from here on.
   std::unique_lock storeGuard(idData->storeLock);
+  // An erase of the last version may have dropped this IdData while the number was chosen: a
+  // version stored into it would be found by no search, so the store starts over.
+  if (FindIdData(aid) != idData) {
+    storeGuard.unlock();
+    return StoreCore(aid, assetIn, metaData, deleteAsset, updateInPlace, source, addEncryption, overwrite);
+  }
   if (!overwrite) {
     // Another store to this Id may have finished since the number was chosen: take the next one.
     ReadLocker guard(idData->versionsLock);
@@ -139,6 +152,10 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
   {
     WriteLocker guard(idData->versionsLock);
     idData->adata = adata;
+  }
+  if (stored.number != 0 && stored.number != number.number) {
+    number.number = stored.number;
+    KELVO_RETURN_ON_ERROR(UpdateNextVersionImpl(number));
   }
 
   // 11. to 14. Assemble the metadata of the new version.
@@ -217,6 +234,9 @@ Result<void> BaseAssetRepositoryImpl::EraseAsset(const AssetDescription& asset) 
   IdDataRef idData = FindIdData(idv.first);
   if (!idData) return IllegalStateError("No asset to erase for asset id @.", idv.first);
   KELVO_RETURN_ON_ERROR(GetVersions(idData));
+  // Erasing runs under the store lock of the Id, like a store: an erase of the last version can't
+  // remove the directory that a store is writing, and a store that waited sees the Id gone.
+  std::lock_guard storeGuard(idData->storeLock);
   bool gone = false;
   {
     WriteLocker guard(idData->versionsLock);

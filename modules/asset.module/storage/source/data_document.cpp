@@ -505,7 +505,7 @@ Result<Data> DecodeDocument(std::string_view bytes, const Id& documentId) {
 }
 
 Result<Data> ReadDocument(const Url& url, const Id& documentId) {
-  KELVO_ASSIGN_OR_RETURN(std::string bytes, url.ReadAll());
+  KELVO_ASSIGN_OR_RETURN(std::string bytes, ReadRepositoryFile(url, kMetaDataFileLimit));
   auto r = DecodeDocument(bytes, documentId);
   if (r.HasError()) return ErrorWithCause(r.GetError(), errors::fileformat, FormatString("Can't read @.", url));
   return r;

@@ -16,6 +16,7 @@
 #include "asset/core/asset_metadata.h"
 #include "data_document.h"
 #include "kelvo/hash.h"
+#include "kelvo/log.h"
 
 namespace kelvo {
 
@@ -111,6 +112,55 @@ const char* MetaFileSuffix(std::uint32_t kind) {
   return ".meta";
 }
 
+Result<std::string> ReadRepositoryFile(const Url& file, std::size_t limit) {
+  std::string content;
+  if (file.GetScheme() != "file") {
+    KELVO_ASSIGN_OR_RETURN(auto in, file.OpenInputStream());
+    char buffer[65536];
+    for (;;) {
+      KELVO_ASSIGN_OR_RETURN(std::size_t n, in->Read(buffer, sizeof buffer));
+      if (n == 0) return content;
+      if (content.size() + n > limit) return FileFormatError("@ is larger than @ bytes.", file, limit);
+      content.append(buffer, n);
+    }
+  }
+  const std::string& path = file.GetPath();
+  // O_NONBLOCK: opening a FIFO neither waits for a writer nor reads it (it is refused below).
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    if (errno == ELOOP) return IoError("Can't open @: it is a symbolic link.", file);
+    return IoError("Can't open @: @", file, std::strerror(errno));
+  }
+  struct Closer {
+    int fd;
+    ~Closer() { ::close(fd); }
+  } closer{fd};
+  struct stat st{};
+  if (::fstat(fd, &st) != 0) return IoError("Can't read @: @", file, std::strerror(errno));
+  if (!S_ISREG(st.st_mode)) return IoError("Can't read @: it is no regular file.", file);
+  if (static_cast<std::uint64_t>(st.st_size) > limit)
+    return FileFormatError("@ is larger than @ bytes (@ bytes).", file, limit, static_cast<std::uint64_t>(st.st_size));
+  content.resize(static_cast<std::size_t>(st.st_size));
+  std::size_t done = 0;
+  while (done < content.size()) {
+    const ssize_t n = ::read(fd, content.data() + done, content.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return IoError("Can't read @: @", file, std::strerror(errno));
+    if (n == 0) break;
+    done += static_cast<std::size_t>(n);
+  }
+  content.resize(done);
+  return content;
+}
+
+bool IsReservedRootName(std::string_view name) {
+  std::string lower(name);
+  for (char& c : lower)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return lower == "_index" || lower == "databaseid" || lower == "version" || lower.starts_with("tmp-") ||
+         lower.starts_with("tmpjson-");
+}
+
 bool IsSafePathComponent(std::string_view name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
          name.find('\0') == std::string_view::npos;
@@ -180,7 +230,14 @@ Result<VersionDirectoryContent> FindContentUrl(const Url& dir, std::uint32_t bas
     }
     for (; it != end; it.increment(ec)) {
       if (ec) return IoError("Can't list @: @", dir, ec.message());
-      AddVersionDirectoryEntry(result, dir, it->path().filename().string(), baseKind);
+      std::string name = it->path().filename().string();
+      // A link in a version directory could serve or overwrite a file outside the tree.
+      std::error_code lec;
+      if (it->is_symlink(lec)) {
+        WarningOutput("Passing over the symbolic link @ in a version directory.", dir.Append(name));
+        continue;
+      }
+      AddVersionDirectoryEntry(result, dir, std::move(name), baseKind);
     }
     return result;
   }
@@ -208,7 +265,7 @@ bool LineReader::Next(std::string& line) {
 
 
 Result<std::optional<Data>> ReadMetaDataFile(const Url& file, bool derived) {
-  Result<std::string> bytes = file.ReadAll();
+  Result<std::string> bytes = ReadRepositoryFile(file, kMetaDataFileLimit);
   if (bytes.HasError()) {
     if (file.IoDetect() == IODETECT::NONE) return std::optional<Data>();
     return bytes.GetError();

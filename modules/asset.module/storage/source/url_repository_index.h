@@ -9,7 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "asset/storage/urlassetrepository.h"
+#include "urlassetrepository_impl.h"
 
 namespace kelvo {
 

@@ -4,11 +4,18 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include "asset/core/asset_description.h"
 #include "kelvo/data.h"
 #include "kelvo/url.h"
 
 namespace kelvo {
+
+// An asset Id as the first component of an "asset" or "meta" URL path: "%" and "/" escaped as
+// "%25" and "%2F", so an Id with "/" stays one component and never names a path inside the asset.
+std::string EscapeAssetIdForUrlPath(std::string_view id);
+// The inverse; other escapes stay as they are.
+std::string UnescapeAssetIdFromUrlPath(std::string_view text);
 
 // The Url data key of the resolve record.
 inline const Id g_resolveInfoKey{"asset"};

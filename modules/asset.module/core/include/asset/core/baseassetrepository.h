@@ -58,6 +58,9 @@ struct StoredVersion {
   Id versionId;
   Data vdata;
   MetaValueMap extraMeta;
+  // The version number the back end wrote, when it is not the one asked for (another process
+  // took that one); 0 when it is.
+  std::uint64_t number = 0;
 };
 
 // The storage seam.

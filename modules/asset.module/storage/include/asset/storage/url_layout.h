@@ -30,6 +30,10 @@ inline const InternedId g_derivedMetaDataStampId{"net.kelvo.asset.derivedmetadat
 // "A"-"Z" lowered; "a"-"z", "0"-"9", "$", "-", ".", "_" kept; every other byte "_".
 std::string AssetIdToDirectoryName(std::string_view aid);
 
+// True for a name that the repository uses for its own files in the root ("_index", "databaseid",
+// "version", the working directories "tmp-..." and "tmpJson-..." of a compaction), in any case.
+bool IsReservedRootName(std::string_view name);
+
 // A version directory name: "<n>", "<n>-deleted" or "<n>-<40 characters>" (older form).
 struct VersionDirectoryName {
   std::uint64_t number = 0;
@@ -81,6 +85,17 @@ Result<VersionDirectoryContent> FindContentUrl(const Url& dir, std::uint32_t bas
 // The marker that a store is still writing a version directory; hidden from the scans of names.
 inline constexpr const char* kIncompleteMarker = ".incomplete";
 
+
+// Size limits of the files a repository reads whole: identity files (asset.info, hash, databaseid,
+// version), metadata values, and index parts.
+inline constexpr std::size_t kSmallFileLimit = 1u << 20;
+inline constexpr std::size_t kMetaDataFileLimit = 64u << 20;
+inline constexpr std::size_t kIndexFileLimit = 1u << 30;
+// Reads a whole file of a repository tree. For "file" URLs only a regular file is read: a FIFO,
+// device, directory or symbolic link (at the last component) is refused without blocking (an io
+// error), and a file over limit bytes is a file format error that names it. Other schemes read through their handler, to
+// at most limit bytes as well.
+Result<std::string> ReadRepositoryFile(const Url& file, std::size_t limit);
 
 // Splits text into lines: LF ends a line, CR is dropped, the end of the text ends the last line.
 class LineReader {
