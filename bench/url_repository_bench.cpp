@@ -75,7 +75,7 @@ BenchDirectory& Directory() {
   return dir;
 }
 
-std::shared_ptr<UrlAssetRepositoryImpl> OpenRepository(const fs::path& path) {
+std::shared_ptr<UrlAssetRepository> OpenRepository(const fs::path& path) {
   fs::create_directories(path);
   auto r = CreateUrlAssetRepository(Id("bench.repo"), {}, Url::FromFile(path.string()), true, false, false);
   if (r.HasError()) {

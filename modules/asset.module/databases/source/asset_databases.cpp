@@ -8,7 +8,6 @@
 #include <unordered_map>
 
 #include "asset/standard/assets.h"
-#include "asset/storage/urlassetrepository.h"
 #include "database_mount_pass.h"
 #include "database_registry.h"
 #include "kelvo/application.h"
@@ -140,11 +139,6 @@ Result<void> PrivateStartAssetDatabases() {
       std::lock_guard guard(s.tableLock);
       s.table.reserve(32);
     }
-    UrlAssetRepositoryImpl::SetCustomRepositoryCheck([](const Id& rid) {
-      DatabasesState& st = State();
-      std::lock_guard guard(st.customLock);
-      return st.customIds.count(rid) != 0;
-    });
     s.lastListFingerprint = 0;
     s.started = true;
   }
@@ -171,10 +165,6 @@ void PrivateEndAssetDatabases() {
       std::lock_guard guard(s.jobLock);
       observable = std::move(s.observable);
       s.lastProgress = nullptr;
-    }
-    {
-      std::lock_guard guard(s.customLock);
-      s.customIds.clear();
     }
     s.lastListFingerprint = 0;
   }

@@ -96,7 +96,6 @@ struct PassContext {
   Url assetsDir;
   std::unordered_set<std::string> mountedUrls;
   std::unordered_map<Id, AssetRepositoryRef> byId;
-  std::unordered_set<Id> customIds;
 };
 
 // A database that could not be opened: logged, shown on the progress entry, kept on the entry.
@@ -121,6 +120,17 @@ Result<void> MountOne(PassContext& pass, const DatabaseMountItem& item) {
   if (!entry || !active) return IllegalStateError("Illegal state: Condition e != nullptr && e->_isActive not fulfilled. ");
 
   AssetRepositoryRef repository = entry->GetRepository();
+  bool wasCustom;
+  {
+    std::lock_guard guard(entry->lock);
+    wasCustom = entry->custom;
+  }
+  if (repository && wasCustom != IsCustom(item)) {
+    // The database moved between the user's and the standard ones: it is opened again, since
+    // whether it is custom is fixed when a repository is made.
+    Unload(*entry);
+    repository = nullptr;
+  }
   if (repository) {
     if (IsCurrentJobCancelled()) return OperationCancelledError();
     KELVO_RETURN_ON_ERROR(SetSingleBase(repository, pass.head));
@@ -170,13 +180,15 @@ Result<void> MountOne(PassContext& pass, const DatabaseMountItem& item) {
           entry->SetError(text);
         } else {
           Result<AssetRepositoryRef> created = AssetInterface::CreateRepositoryFromUrl(
-              Id(), type, RepositoryArray{pass.head}, url, writable, true, false);
+              Id(), type, RepositoryArray{pass.head}, url,
+              RepositoryOptions{.writable = writable, .derivedInPrefs = true, .custom = IsCustom(item)});
           if (created.HasError()) {
             if (created.GetError().Is(errors::OperationCancelledError)) return created.GetError();
             ReportMountError(pass, *entry, item.url, created.GetError());
           } else {
             std::lock_guard guard(entry->lock);
             entry->repository = *created;
+            entry->custom = IsCustom(item);
           }
           if (g_assetDiagnostic)
             DiagnosticOutput("AssetInterface::CreateRepositoryFromUrl(@) @", item.url, Elapsed(start));
@@ -204,7 +216,6 @@ Result<void> MountOne(PassContext& pass, const DatabaseMountItem& item) {
     KELVO_RETURN_ON_ERROR(repository->SetData(repositorykeys::skipinsearch, Data(false)));
     KELVO_RETURN_ON_ERROR(
         repository->SetData(assetdatabasekeys::exportonsaveproject, Data(item.exportOnSaveProject)));
-    if (item.priority >= kUserBand) pass.customIds.insert(rid);
   }
 
   if (IsCurrentJobCancelled()) return OperationCancelledError();
@@ -300,10 +311,6 @@ Result<void> MountPass(const std::vector<AssetDatabaseStruct>& list, bool force,
   // base behind the user repository.
   if (IsCurrentJobCancelled()) return OperationCancelledError();
   KELVO_RETURN_ON_ERROR(SetSingleBase(pass.user, pass.head));
-  {
-    std::lock_guard guard(s.customLock);
-    s.customIds = std::move(pass.customIds);
-  }
   progress->SetDetails(std::string());
   KELVO_RETURN_ON_ERROR(AssetDataBases::WriteGmlDependencies());
   s.lastListFingerprint = fingerprint;

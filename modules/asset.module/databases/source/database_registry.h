@@ -9,7 +9,6 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -22,7 +21,7 @@
 namespace kelvo {
 
 // Priority bands of the sources of a pass: the standard folders first, then archives, link files,
-// the user's list and the observers' URLs. Databases from the user band on are "custom".
+// the user's list and the observers' URLs.
 constexpr std::int64_t kFirstOtherFolder = 1000;
 constexpr std::int64_t kUnittestsFolder = 5000;
 constexpr std::int64_t kZipBand = 10000;
@@ -38,6 +37,10 @@ struct DatabaseMountItem {
   bool exportOnSaveProject = true;
 };
 
+// The databases the user mounted (the list and the observers): custom databases, named after
+// their directory or origin, and never renamed.
+inline bool IsCustom(const DatabaseMountItem& item) { return item.priority >= kUserBand; }
+
 // The registry's record of one URL. Lives until the registry is emptied at module end.
 struct RepositoryEntry {
   mutable std::mutex lock; // guards every field; held only for reads and writes of them
@@ -45,6 +48,7 @@ struct RepositoryEntry {
   bool isActive = false;
   bool exportOnSaveProject = true;
   AssetRepositoryRef repository;
+  bool custom = false; // what the repository was opened with
   bool seenInPass = false;
   std::int64_t priority = 0;
   std::string error;
@@ -80,9 +84,6 @@ struct DatabasesState {
   std::shared_ptr<ObservableQueryDatabasesType> observable;
   bool started = false; // guarded by startLock
   std::atomic<std::uint64_t> lastListFingerprint{0};
-  // The repository Ids mounted from outside the application's directory.
-  std::mutex customLock;
-  std::unordered_set<Id> customIds;
 };
 
 // The one registry of the process; never destroyed, since passes may end during static

@@ -151,10 +151,8 @@ AssetRepositoryRef AssetInterface::GetUserPrefsRepository() { return ReadState(&
 
 Result<AssetRepositoryRef> AssetInterface::CreateRepositoryFromUrl(const Id& rid, const Id& repoType,
                                                                    const std::vector<AssetRepositoryRef>& bases,
-                                                                   const Url& url, bool writable, bool derivedInPrefs,
-                                                                   bool tempRepository) {
-  if (repoType == repositorytypes::database)
-    return OpenUrlRepository(rid, bases, url, writable, derivedInPrefs, tempRepository);
+                                                                   const Url& url, const RepositoryOptions& options) {
+  if (repoType == repositorytypes::database) return OpenUrlRepository(rid, bases, url, options);
   if (repoType == repositorytypes::watchfolder)
     return UnsupportedOperationError("Watch folder repositories are not available in this build: can't open @.",
                                      url);

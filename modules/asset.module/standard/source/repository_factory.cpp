@@ -7,9 +7,9 @@
 namespace kelvo {
 
 Result<AssetRepositoryRef> OpenUrlRepository(const Id& rid, const std::vector<AssetRepositoryRef>& bases,
-                                             const Url& url, bool writable, bool derivedInPrefs, bool tempRepository) {
-  KELVO_ASSIGN_OR_RETURN(std::shared_ptr<UrlAssetRepositoryImpl> repository,
-                         CreateUrlAssetRepository(rid, bases, url, writable, derivedInPrefs, tempRepository));
+                                             const Url& url, const RepositoryOptions& options) {
+  KELVO_ASSIGN_OR_RETURN(std::shared_ptr<UrlAssetRepository> repository,
+                         CreateUrlAssetRepository(rid, bases, url, options));
   return AssetRepositoryRef(std::move(repository));
 }
 

@@ -9,6 +9,6 @@ namespace kelvo {
 
 // Opens (and for a writable repository, creates) the URL repository at url with bases.
 Result<AssetRepositoryRef> OpenUrlRepository(const Id& rid, const std::vector<AssetRepositoryRef>& bases,
-                                             const Url& url, bool writable, bool derivedInPrefs, bool tempRepository);
+                                             const Url& url, const RepositoryOptions& options);
 
 } // namespace kelvo

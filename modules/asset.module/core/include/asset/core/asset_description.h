@@ -22,6 +22,19 @@
 
 namespace kelvo {
 
+// How a repository is opened from a URL (CreateRepositoryFromUrl).
+struct RepositoryOptions {
+  // Stores are allowed; a writable repository creates its tree when it is missing.
+  bool writable = false;
+  // Derived metadata goes to the preferences directory instead of the repository's tree.
+  bool derivedInPrefs = false;
+  // A short-lived repository: a read-only one keeps no derived metadata at all.
+  bool tempRepository = false;
+  // Mounted by the user (a custom database): its name falls back to the name of its directory or
+  // origin, and SetRepositoryName is refused.
+  bool custom = false;
+};
+
 class AssetInterface;
 class AssetTypeInterface;
 class AssetDescriptionInterface;
@@ -124,8 +137,15 @@ public:
   static AssetRepositoryRef GetUserPrefsRepository();
   static Result<AssetRepositoryRef> CreateRepositoryFromUrl(const Id& rid, const Id& repoType,
                                                             const std::vector<AssetRepositoryRef>& bases,
+                                                            const Url& url, const RepositoryOptions& options);
+  // The same with the options that callers other than the database registry need.
+  static Result<AssetRepositoryRef> CreateRepositoryFromUrl(const Id& rid, const Id& repoType,
+                                                            const std::vector<AssetRepositoryRef>& bases,
                                                             const Url& url, bool writable, bool derivedInPrefs,
-                                                            bool tempRepository);
+                                                            bool tempRepository) {
+    return CreateRepositoryFromUrl(rid, repoType, bases, url,
+                                   RepositoryOptions{writable, derivedInPrefs, tempRepository, false});
+  }
   static Result<Url> AddRepositoryScope(const Url& url, const AssetRepositoryRef& repository);
   static Result<AssetDescription> ResolveAsset(const Url& url, const AssetRepositoryRef& repository);
   static Result<Url> GetAssetUrl(const AssetDescription& asset, bool isLatest);

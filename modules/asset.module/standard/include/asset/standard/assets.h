@@ -8,7 +8,7 @@
 // The static operations themselves are members of AssetInterface (asset_description.h):
 //   GetBuiltinRepository(), GetApplicationRepository() (may be null), GetUserPrefsRepository():
 //     the references made at start; null before StartAssetModule and after EndAssetModule.
-//   CreateRepositoryFromUrl(rid, repoType, bases, url, writable, derivedInPrefs, tempRepository):
+//   CreateRepositoryFromUrl(rid, repoType, bases, url, options):
 //     a URL repository for g_databaseRepositoryType; an error for any other type.
 //   IsAssetVersionValid / IsAssetValid / IsAssetVisible: the range net.kelvo.asset.validversion
 //     against Application::GetVersion(); a null description is valid.
