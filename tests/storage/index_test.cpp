@@ -117,6 +117,7 @@ TEST_F(IndexTest, DamagedIndexFallsBackToTheScan) {
   const fs::path part = PartDir();
   const std::string listing = ReadFile(part / "index");
   const std::string checksums = ReadFile(part / ".checksum");
+  const std::string covers = ReadFile(part / ".covers");
   const std::string timestamps = ReadFile(part / "net.kelvo.asset.timestamp");
   struct Damage {
     const char* what;
@@ -128,7 +129,8 @@ TEST_F(IndexTest, DamagedIndexFallsBackToTheScan) {
       {"empty listing", [&] { WriteFile(part / "index", ""); }},
       {"truncated document", [&] { WriteFile(part / "net.kelvo.asset.timestamp", timestamps.substr(0, 10)); }},
       {"unknown format", [&] { WriteFile(part / ".checksum", "kelvo-index 99\n" + checksums.substr(checksums.find('\n') + 1)); }},
-      {"no checksum", [&] { fs::remove(part / ".checksum"); }},
+      {"damaged checksum line", [&] { WriteFile(part / ".checksum", checksums.substr(0, checksums.size() - 5) + "\n"); }},
+      {"stale change token", [&] { WriteFile(part / ".covers", "another token"); }},
       {"extra document", [&] { WriteFile(part / "net.kelvo.test.extra", "x"); }},
   };
   for (const Damage& damage : damages) {
@@ -141,11 +143,37 @@ TEST_F(IndexTest, DamagedIndexFallsBackToTheScan) {
     repo.reset();
     WriteFile(part / "index", listing);
     WriteFile(part / ".checksum", checksums);
+    WriteFile(part / ".covers", covers);
     WriteFile(part / "net.kelvo.asset.timestamp", timestamps);
     fs::remove(part / "net.kelvo.test.extra");
     auto restored = Open();
     EXPECT_TRUE(restored->WasOpenedFromIndex());
   }
+}
+
+TEST_F(IndexTest, PartsWithoutChecksumsAreReadUnchecked) {
+  const auto expected = MakeIndexed();
+  fs::remove(PartDir() / ".checksum");
+  auto repo = Open();
+  EXPECT_TRUE(repo->WasOpenedFromIndex());
+  EXPECT_EQ(Contents(repo), expected);
+}
+
+// An index installed after another process's change (its compaction began before the change)
+// never hides that change, whatever the version numbers: a new asset's version 1 lies inside the
+// index's range.
+TEST_F(IndexTest, AnIndexOlderThanAChangeByAnotherObjectIsNotUsed) {
+  MakeIndexed();
+  fs::copy(Root() / "_index", _base / "saved_index", fs::copy_options::recursive);
+  {
+    auto other = Open();
+    ASSERT_TRUE(Store(other, "zeta", "z1"));
+  }
+  fs::remove_all(Root() / "_index");
+  fs::rename(_base / "saved_index", Root() / "_index");
+  auto repo = Open();
+  EXPECT_FALSE(repo->WasOpenedFromIndex());
+  EXPECT_EQ(Contents(repo).count("zeta"), 1u);
 }
 
 TEST_F(IndexTest, IndexNamesLeavingTheRootAreRefused) {

@@ -141,7 +141,8 @@ TEST_F(UrlRepositoryTest, StoreCloseReopenFindsAssetsVersionsAndMetadata) {
   EXPECT_EQ(MetaValue(latest, kUserNote), Data(Id("mine")));
   auto preview = MetaValue(latest, kPreview);
   ASSERT_TRUE(preview && preview->GetPtr<Url>());
-  EXPECT_EQ(preview->GetPtr<Url>()->ToString(), "meta:///My Asset/One/net.kelvo.test.preview.meta.png?" + v2);
+  // The "/" of the Id is escaped, so that the URL names the Id and then the file.
+  EXPECT_EQ(preview->GetPtr<Url>()->ToString(), "meta:///My Asset%2FOne/net.kelvo.test.preview.meta.png?" + v2);
   // The time of each version survives, and orders the versions.
   auto times = std::map<std::string, std::uint64_t>();
   ASSERT_TRUE(repo->FindAssets(TypeArray{kTextType}, Id("My Asset/One"), Id(), ALL | WITHOUT_BASES,

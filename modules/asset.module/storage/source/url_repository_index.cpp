@@ -2,9 +2,11 @@
 // (compaction), removing it on every change, and the delayed background compaction.
 //
 // Each part _index/<lo>-<hi>/ holds the listing "index", one compacted document per metadata Id,
+// ".covers" (the change token of the tree when the compaction began, see url_repository_lock.h)
 // and ".checksum": the line "kelvo-index 1", then per file its SHA-256, two blanks and its name.
-// A part whose checksum file is missing, of another format, or doesn't match is not used, and
-// the repository is opened by walking its tree instead.
+// A part whose checksum file is of another format or doesn't match, or whose token is not the
+// tree's, is not used, and the repository is opened by walking its tree instead. A part without
+// a checksum file (written by other tools) is read unchecked.
 
 #include <algorithm>
 #include <charconv>
@@ -20,6 +22,7 @@
 #include "kelvo/log.h"
 #include "asset/storage/url_layout.h"
 #include "url_repository_index.h"
+#include "url_repository_lock.h"
 
 namespace kelvo {
 
@@ -27,6 +30,7 @@ namespace {
 
 constexpr const char* kChecksumFile = ".checksum";
 constexpr const char* kChecksumHeader = "kelvo-index 1";
+constexpr const char* kCoversFile = ".covers";
 std::atomic<double> g_compactionDelayOverride{-1.0};
 
 std::optional<std::uint64_t> ParseDecimal(std::string_view s) {
@@ -54,8 +58,11 @@ struct Range {
 };
 
 // The file names of a part and their digests, from its checksum file.
-Result<std::map<std::string, std::string>> ReadChecksums(const Url& partDir) {
-  KELVO_ASSIGN_OR_RETURN(std::string text, partDir.Append(kChecksumFile).ReadAll());
+// Nothing when the part has no checksum file.
+Result<std::optional<std::map<std::string, std::string>>> ReadChecksums(const Url& partDir) {
+  const Url file = partDir.Append(kChecksumFile);
+  if (file.IoDetect() == IODETECT::NONE) return std::optional<std::map<std::string, std::string>>();
+  KELVO_ASSIGN_OR_RETURN(std::string text, ReadRepositoryFile(file, kSmallFileLimit));
   LineReader reader(text);
   std::string line;
   if (!reader.Next(line) || line != kChecksumHeader)
@@ -66,15 +73,16 @@ Result<std::map<std::string, std::string>> ReadChecksums(const Url& partDir) {
       return FileFormatError("Malformed checksum line in @.", partDir);
     sums[line.substr(HASH_LEN + 2)] = line.substr(0, HASH_LEN);
   }
-  return sums;
+  return std::optional<std::map<std::string, std::string>>(std::move(sums));
 }
 
-// Reads a file of a part and checks it against its checksum.
+// Reads a file of a part and checks it against its checksum when the part has checksums.
 Result<std::string> ReadChecked(const Url& partDir, const std::string& name,
-                                const std::map<std::string, std::string>& sums) {
-  auto it = sums.find(name);
-  if (it == sums.end()) return FileFormatError("File @ of index part @ has no checksum.", name, partDir);
-  KELVO_ASSIGN_OR_RETURN(std::string bytes, partDir.Append(name).ReadAll());
+                                const std::optional<std::map<std::string, std::string>>& sums) {
+  if (!sums) return ReadRepositoryFile(partDir.Append(name), kIndexFileLimit);
+  auto it = sums->find(name);
+  if (it == sums->end()) return FileFormatError("File @ of index part @ has no checksum.", name, partDir);
+  KELVO_ASSIGN_OR_RETURN(std::string bytes, ReadRepositoryFile(partDir.Append(name), kIndexFileLimit));
   if (Sha256Hex(bytes) != it->second) return FileFormatError("File @ of index part @ is damaged.", name, partDir);
   return bytes;
 }
@@ -193,7 +201,7 @@ Result<bool> UrlAssetRepositoryImpl::LoadIndex(LoadedIndex& index) {
   }
 
   std::uint64_t fileVersion = 0;
-  if (Result<std::string> text = _versionUrl.ReadAll(); text.HasValue()) {
+  if (Result<std::string> text = ReadRepositoryFile(_versionUrl, kSmallFileLimit); text.HasValue()) {
     LineReader reader(*text);
     std::string line;
     if (reader.Next(line)) {
@@ -215,8 +223,19 @@ Result<bool> UrlAssetRepositoryImpl::LoadIndex(LoadedIndex& index) {
   };
   std::uint64_t highestVersion = 0;
   bool first = true;
+  const std::string token = _changeToken->Read();
   for (const Range& range : ranges) {
     if (range.lo > range.hi || isCovered(range)) continue;
+    // A part made before the last change of the tree (by any process) may hide it: not used.
+    const Url covers = indexDir.Append(range.name).Append(kCoversFile);
+    const bool hasCovers = covers.IoDetect() != IODETECT::NONE;
+    if ((hasCovers ? ReadRepositoryFile(covers, kSmallFileLimit).GetValueOr(std::string("?")) : std::string()) != token) {
+      DiagnosticOutput("The index of @ is older than the last change of its tree; reading the directories.", _url);
+      index = LoadedIndex();
+      std::lock_guard guard(_lock);
+      _scanNeeded = true;
+      return false;
+    }
     auto loaded = LoadIndexPart(indexDir.Append(range.name), range.lo, range.hi, index, highestVersion);
     if (loaded.HasError()) {
       WarningOutput("The index of @ can't be used, reading the directories instead: @", _url, loaded.GetError());
@@ -249,9 +268,13 @@ Result<void> UrlAssetRepositoryImpl::LoadIndexPart(const Url& partDir, std::uint
     KELVO_ASSIGN_OR_RETURN(auto records, DecodeCompactedMetaData(std::move(bytes)));
     compacted.emplace_back(InternedId(std::string_view(e.name)), std::move(records));
   }
-  for (const auto& [name, sum] : sums)
-    if (name != "index" && partDir.Append(name).IoDetect() != IODETECT::FILE)
-      return FileFormatError("File @ of index part @ is missing.", name, partDir);
+  if (sums)
+    for (const auto& [name, sum] : *sums)
+      if (name != "index" && partDir.Append(name).IoDetect() != IODETECT::FILE)
+        return FileFormatError("File @ of index part @ is missing.", name, partDir);
+  if (partDir.Append(kCoversFile).IoDetect() != IODETECT::NONE) {
+    KELVO_RETURN_ON_ERROR(ReadChecked(partDir, kCoversFile, sums));
+  }
   KELVO_ASSIGN_OR_RETURN(std::string listing, ReadChecked(partDir, "index", sums));
 
   if (index.assets.empty()) {
@@ -323,6 +346,14 @@ Result<void> UrlAssetRepositoryImpl::CompactCore(std::uint64_t generation) {
   const Url tmp = _url.Append("tmp-" + rangeName + "-" + uuid.ToString());
   const Url tmpJson = _url.Append("tmpJson-" + rangeName + "-" + uuid.ToString());
   Result<void> result = [&]() -> Result<void> {
+    // Changes from here on, by any process, renew the token and so make this index stale. Changes
+    // before it that this object hasn't seen (other processes) are read by walking the tree again.
+    std::string covers;
+    {
+      KELVO_ASSIGN_OR_RETURN(RepositoryTreeLock::Guard treeGuard, _treeLock->Lock());
+      KELVO_ASSIGN_OR_RETURN(covers, _changeToken->Renew());
+    }
+    if (_url.GetScheme() == "file") KELVO_RETURN_ON_ERROR(ReloadIds());
     KELVO_RETURN_ON_ERROR(tmp.IoCreateDirectory(false));
     KELVO_RETURN_ON_ERROR(tmpJson.IoCreateDirectory(false));
     std::unordered_set<std::string> excluded; // paths relative to the root that index.dat leaves out
@@ -400,7 +431,11 @@ Result<void> UrlAssetRepositoryImpl::CompactCore(std::uint64_t generation) {
       KELVO_RETURN_ON_ERROR(WriteDocument(tmpJson.Append(metaId.ToString() + ".json"), g_compactedMetaDataDocumentId,
                                           document, DOCUMENTMODE::TEXT));
     }
+    KELVO_RETURN_ON_ERROR(tmp.Append(kCoversFile).WriteAll(covers));
+    checksums += Sha256Hex(covers) + "  " + kCoversFile + "\n";
+    partFiles.push_back(kCoversFile);
     KELVO_RETURN_ON_ERROR(tmp.Append(kChecksumFile).WriteAll(checksums));
+    partFiles.push_back(kChecksumFile);
 
     // The listing of the tree for clients without directory listings: the files the index
     // replaces are left out, the new part is added as it will stand.
@@ -429,13 +464,16 @@ Result<void> UrlAssetRepositoryImpl::CompactCore(std::uint64_t generation) {
     tree += "d\t_index\nd\t_index/" + rangeName + "\n";
     for (const std::string& name : partFiles) tree += "f\t_index/" + rangeName + "/" + name + "\n";
     tree += "d\t_index/" + rangeName + ".json\n";
-    for (std::size_t i = 1; i < partFiles.size(); ++i) tree += "f\t_index/" + rangeName + ".json/" + partFiles[i] + ".json\n";
+    for (std::size_t i = 1; i < partFiles.size(); ++i)
+      if (partFiles[i].front() != '.') tree += "f\t_index/" + rangeName + ".json/" + partFiles[i] + ".json\n";
     tree += "f\t_index/index.dat\nf\t_index/modified.dat\n";
 
-    // Installing: only when the repository did not change since the compaction began.
+    // Installing: only when the repository did not change since the compaction began, in this
+    // process or another (whose removal of the index the tree lock keeps out meanwhile).
     std::lock_guard install(_indexLock);
+    KELVO_ASSIGN_OR_RETURN(RepositoryTreeLock::Guard treeGuard, _treeLock->Lock());
     if (_changeGeneration.load() != generation || IsCurrentJobCancelled() ||
-        (GetCurrentJob() && weak_from_this().use_count() <= 1))
+        (GetCurrentJob() && weak_from_this().use_count() <= 1) || _changeToken->Read() != covers)
       return OperationCancelledError();
     const Url indexDir = _url.Append("_index");
     const Url target = indexDir.Append(rangeName);
@@ -508,6 +546,7 @@ Result<void> UrlAssetRepositoryImpl::DeleteIndexFiles() {
 Result<bool> UrlAssetRepositoryImpl::RemoveIndexDirectory() {
   const Url indexDir = _url.Append("_index");
   std::lock_guard guard(_indexLock);
+  KELVO_ASSIGN_OR_RETURN(RepositoryTreeLock::Guard treeGuard, _treeLock->Lock());
   const bool exists = indexDir.IoDetect() == IODETECT::DIRECTORY;
   if (exists) KELVO_RETURN_ON_ERROR(indexDir.IoDelete(true));
   _indexExists = false;
@@ -587,6 +626,7 @@ REPOSITORYINDEXSTATE UrlAssetRepositoryImpl::GetIndexState() const {
 UrlAssetRepositoryImpl::~UrlAssetRepositoryImpl() { CancelCompaction(true); }
 
 void UrlAssetRepositoryImpl::OwnContentChanged() {
+  NoteTreeChanged();
   const REPOSITORYINDEXSTATE state = GetIndexState();
   (void)DeleteIndexFiles();
   if (state != REPOSITORYINDEXSTATE::NONE) (void)CompactInBackground(10.0);

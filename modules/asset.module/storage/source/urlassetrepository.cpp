@@ -1,5 +1,6 @@
-// The URL repository: opening, the directory scan, and the storage operations of the base
-// repository's seam over the tree of url_layout.h. The index lives in url_repository_index.cpp.
+// The URL repository: opening, the directory scan, and the read and metadata operations of the
+// base repository's seam over the tree of url_layout.h. Writing versions lives in
+// url_repository_store.cpp, the index in url_repository_index.cpp.
 
 #include <sys/stat.h>
 
@@ -13,6 +14,8 @@
 #include "kelvo/log.h"
 #include "asset/storage/url_layout.h"
 #include "url_repository_index.h"
+#include "url_repository_lock.h"
+#include "url_repository_records.h"
 #include "urlassetrepository_impl.h"
 
 namespace kelvo {
@@ -27,16 +30,6 @@ const Id kUserPrefsRepositoryId{"net.kelvo.repository.userprefs"};
 const Id kSceneRepositoryId{"net.kelvo.repository.scene"};
 constexpr std::uint32_t kPersistentUser = AssetMetaData::PERSISTENT | AssetMetaData::USER;
 
-// The first line of a small text file; nothing when it can't be read.
-std::optional<std::string> ReadFirstLine(const Url& file) {
-  Result<std::string> text = file.ReadAll();
-  if (text.HasError()) return std::nullopt;
-  std::string line;
-  LineReader reader(*text);
-  if (!reader.Next(line)) return std::string();
-  return line;
-}
-
 bool IsHexVersionId(std::string_view s) {
   return s.size() == HASH_LEN && s.find_first_not_of("0123456789abcdef") == std::string_view::npos;
 }
@@ -49,7 +42,17 @@ std::optional<Id> ParseHashLine(const std::string& line) {
   return std::nullopt;
 }
 
-// True when child lies strictly below root (same scheme, path prefix at a "/").
+} // namespace
+
+std::optional<std::string> ReadFirstLine(const Url& file) {
+  Result<std::string> text = ReadRepositoryFile(file, kSmallFileLimit);
+  if (text.HasError()) return std::nullopt;
+  std::string line;
+  LineReader reader(*text);
+  if (!reader.Next(line)) return std::string();
+  return line;
+}
+
 bool IsBelow(const Url& child, const Url& root) {
   if (child.GetScheme() != root.GetScheme()) return false;
   std::string prefix = root.GetPath();
@@ -68,16 +71,11 @@ bool IsBelow(const Url& child, const Url& root) {
   return true;
 }
 
-
-const UrlAssetData* GetUrlAssetData(const Data& adata) { return adata.GetPtr<UrlAssetData>(); }
-
 Result<Url> GetVersionDirectory(const Data& vdata) {
   const Url* dir = vdata.GetPtr<Url>();
   if (!dir || dir->IsEmpty()) return IllegalArgumentError("Foreign version record @.", vdata);
   return *dir;
 }
-
-} // namespace
 
 const Id& DataTypeTraits<UrlAssetData>::TypeId() { return kUrlAssetDataType; }
 
@@ -124,16 +122,22 @@ Result<void> UrlAssetRepositoryImpl::Init(const Id& id, const RepositoryArray& b
   if (url.IoDetect() != IODETECT::DIRECTORY) return IllegalArgumentError("@ doesn't point to a directory.", url);
   _url = url;
   _versionUrl = url.Append("version");
+  _treeLock = std::make_shared<RepositoryTreeLock>(url);
+  _changeToken = std::make_shared<RepositoryChangeToken>(url);
   _writable = writable;
   _tempRepository = tempRepository;
   RegisterDataBaseAssetType();
 
   const Url idFile = url.Append("databaseid");
   Id repositoryId;
-  if (Result<std::string> text = idFile.ReadAll(); text.HasValue()) {
+  bool damagedId = false;
+  if (Result<std::string> text = ReadRepositoryFile(idFile, kSmallFileLimit); text.HasValue()) {
     std::string fileId = *text;
     while (!fileId.empty() && (fileId.back() == '\n' || fileId.back() == '\r')) fileId.pop_back();
     if (IsValidIdText(fileId) && (id.IsEmpty() || id.View() == fileId)) repositoryId = Id(fileId);
+    damagedId = !IsValidIdText(fileId);
+  } else {
+    damagedId = idFile.IoDetect() != IODETECT::NONE;
   }
   if (repositoryId.IsEmpty()) {
     if (!writable)
@@ -144,6 +148,9 @@ Result<void> UrlAssetRepositoryImpl::Init(const Id& id, const RepositoryArray& b
     } else {
       KELVO_ASSIGN_OR_RETURN(repositoryId, MakeUuid("database", true));
     }
+    if (damagedId)
+      WarningOutput("The identifier file @ is empty or damaged; the repository gets the identifier @.", idFile,
+                    repositoryId);
     KELVO_RETURN_ON_ERROR(idFile.WriteAll(repositoryId.View()));
   }
 
@@ -247,7 +254,7 @@ Result<void> UrlAssetRepositoryImpl::LoadExistingIdsImpl(const IdReceiver& recei
   if (fromIndex) {
     for (LoadedIndex::Asset& asset : index.assets) {
       KELVO_ASSIGN_OR_RETURN(Data * slot, receiver(asset.aid, asset.type));
-      *slot = Data(UrlAssetData{_url.Append(asset.directoryName), std::move(asset.versions)});
+      *slot = Data(UrlAssetData{_url.Append(asset.directoryName), std::move(asset.versions), asset.aid, asset.type});
     }
     return {};
   }
@@ -256,27 +263,41 @@ Result<void> UrlAssetRepositoryImpl::LoadExistingIdsImpl(const IdReceiver& recei
 
 Result<void> UrlAssetRepositoryImpl::ScanTree(const IdReceiver& receiver, LoadedIndex& index) {
   KELVO_ASSIGN_OR_RETURN(std::vector<DirectoryEntry> entries, BrowseDirectory(_url));
+  // Directory names in listing order, so that of two directories claiming one Id the same one wins
+  // on every scan.
+  std::sort(entries.begin(), entries.end(), [](const DirectoryEntry& a, const DirectoryEntry& b) { return a.name < b.name; });
+  std::unordered_map<Id, std::string> claimed;
   TypeIdCache types;
   for (const DirectoryEntry& entry : entries) {
     if (IsCurrentJobCancelled()) return OperationCancelledError();
     if (entry.type != IODETECT::DIRECTORY || entry.isLink) continue;
     const Url dir = _url.Append(entry.name);
-    Result<std::string> info = dir.Append("asset.info").ReadAll();
-    if (info.HasError()) continue; // _index, working directories of a compaction, foreign folders
+    const Url infoFile = dir.Append("asset.info");
+    Result<std::string> info = ReadRepositoryFile(infoFile, kSmallFileLimit);
+    if (info.HasError()) {
+      // No asset.info: _index, working directories of a compaction, foreign folders.
+      struct stat st{};
+      if (infoFile.GetScheme() != "file" || ::lstat(infoFile.GetPath().c_str(), &st) == 0)
+        WarningOutput("Skipping asset directory @: @", dir, info.GetError());
+      continue;
+    }
     LineReader reader(*info);
     std::string idLine, typeLine;
-    if (!reader.Next(idLine) || !reader.Next(typeLine)) continue;
-    if (!IsValidIdText(idLine) || !IsValidIdText(typeLine)) {
+    if (!reader.Next(idLine) || !reader.Next(typeLine) || !IsValidIdText(idLine) || !IsValidIdText(typeLine)) {
       WarningOutput("Skipping asset directory @: its asset.info holds no valid Id.", dir);
       continue;
     }
     const Id aid(idLine);
     const Id type = types.Get(typeLine);
+    if (auto [at, added] = claimed.emplace(aid, entry.name); !added) {
+      WarningOutput("Skipping asset directory @: asset @ is held by the directory @ already.", dir, aid, at->second);
+      continue;
+    }
     KELVO_ASSIGN_OR_RETURN(Data * slot, receiver(aid, type));
     std::shared_ptr<UrlVersionTable> versions;
     if (const std::size_t at = index.Find(aid); at < index.assets.size() && index.assets[at].directoryName == entry.name)
       versions = index.assets[at].versions;
-    *slot = Data(UrlAssetData{dir, std::move(versions)});
+    *slot = Data(UrlAssetData{dir, std::move(versions), aid, type});
   }
   return {};
 }
@@ -423,7 +444,7 @@ Result<void> UrlAssetRepositoryImpl::ReportVersion(const Id& aid, const Id& type
     if (metaId == metaids::timestamp) kind |= AssetMetaData::READ_ONLY;
     MetaEntry entry{Data(), kind, false, 0};
     if (meta.isUrl) {
-      Url value("meta", aid.ToString() + "/" + meta.fileName);
+      Url value("meta", EscapeAssetIdForUrlPath(aid.View()) + "/" + meta.fileName);
       value.SetQuery(versionId.View());
       value.SetData(g_resolveInfoKey, Data(ResolveInfo{versionDir.Append(meta.fileName), value.ToString(), nullptr}));
       entry.data = Data(std::move(value));
@@ -456,132 +477,6 @@ Result<void> UrlAssetRepositoryImpl::ReportVersion(const Id& aid, const Id& type
   auto metaData = std::make_shared<AssetMetaDataImpl>(self, type, idv, key, vdata, std::move(entries));
   auto description = std::make_shared<AssetDescriptionImpl>(idv, type, key, metaData, deleted, self, content);
   return receiver(key, description, vdata);
-}
-
-// ---- writing ---------------------------------------------------------------------------------------
-
-Result<Data> UrlAssetRepositoryImpl::CreateDataForIdImpl(const Id& aid, const Id& type) {
-  if (!IsWritable()) return IllegalStateError("Illegal state: Condition _writable not fulfilled. ");
-  // Ids that differ only in case or replaced characters would share a directory, and asset.info
-  // can name only one: a later Id gets the first free "<name>~<k>".
-  // A name beginning with "." would be "..", "." or hidden from every scan: it starts with "_".
-  std::string base = AssetIdToDirectoryName(aid.View());
-  if (base.empty() || base.front() == '.') base.insert(base.begin(), '_');
-  Url dir = _url.Append(base);
-  for (int k = 2;; ++k) {
-    if (dir.IoDetect() == IODETECT::NONE) break;
-    auto line = ReadFirstLine(dir.Append("asset.info"));
-    if (!line || *line == aid.View()) break;
-    if (k > 1000) return IllegalStateError("No free directory for asset @ in @.", aid, _url);
-    dir = _url.Append(base + "~" + std::to_string(k));
-  }
-  KELVO_RETURN_ON_ERROR(dir.IoCreateDirectory(true));
-  KELVO_RETURN_ON_ERROR(dir.Append("asset.info").WriteAll(aid.ToString() + "\n" + type.ToString() + "\n"));
-  return Data(UrlAssetData{dir, nullptr});
-}
-
-Result<StoredVersion> UrlAssetRepositoryImpl::StoreImpl(const Asset& asset, bool deleteAsset, const Id& overwrittenHash,
-                                                        const AssetDescription& source, Data& adata,
-                                                        const VersionNumber& version, bool addEncryption) {
-  if (!IsWritable()) return IllegalStateError("Illegal state: Condition _writable not fulfilled. ");
-  if (addEncryption && !source)
-    return IllegalArgumentError("Illegal argument: Condition !addEncryption || source not fulfilled. ");
-  const UrlAssetData* data = GetUrlAssetData(adata);
-  if (!data) return IllegalArgumentError("Foreign asset record @.", adata);
-  const Url dir = data->url.Append(std::to_string(version.number));
-  const bool existed = dir.IoDetect() != IODETECT::NONE;
-  KELVO_RETURN_ON_ERROR(dir.IoCreateDirectory(true));
-  StoredVersion stored;
-  stored.vdata = Data(dir);
-  if (deleteAsset) {
-    stored.versionId = g_deletedVersionId;
-    // Written so that a later scan reads the directory as a deletion mark, not as a lost store.
-    KELVO_RETURN_ON_ERROR(dir.Append("hash").WriteAll(stored.versionId.ToString() + "\n"));
-    return stored;
-  }
-  {
-    KELVO_ASSIGN_OR_RETURN(auto marker, dir.Append(kIncompleteMarker).OpenOutputStream());
-    KELVO_RETURN_ON_ERROR(marker->Close());
-  }
-  if (existed) {
-    // An overwrite replaces the content: drop what an earlier store left.
-    KELVO_ASSIGN_OR_RETURN(VersionDirectoryContent earlier, FindContentUrl(dir, 0));
-    if (!earlier.content.IsEmpty()) KELVO_RETURN_ON_ERROR(earlier.content.IoDelete(true));
-  }
-
-  std::string suffix;
-  if (asset) {
-    AssetType assetType = asset->GetType();
-    if (!assetType) return IllegalStateError("Unknown asset type @.", asset->GetTypeId());
-    suffix = assetType->GetUrlSuffix(asset);
-  } else if (source) {
-    KELVO_ASSIGN_OR_RETURN(Url from, source->GetUrl());
-    suffix = from.GetSuffix();
-  }
-  const std::string contentName = suffix.empty() ? std::string("asset") : "asset." + suffix;
-  if (!IsSafePathComponent(contentName)) return IllegalArgumentError("Illegal content suffix @.", suffix);
-  stored.url = dir.Append(contentName);
-
-  if (source) {
-    stored.versionId = source->GetIdAndVersion().second;
-    KELVO_ASSIGN_OR_RETURN(Url from, source->GetUrl());
-    std::function<Result<void>(const Url&, const Url&)> encrypt;
-    if (addEncryption) {
-      AssetType sourceType = FindAssetType(source->GetTypeId());
-      if (!sourceType) return IllegalStateError("Unknown asset type @.", source->GetTypeId());
-      encrypt = [&](const Url& a, const Url& b) { return sourceType->CopyWithEncryption(source, a, b); };
-    }
-    KELVO_RETURN_ON_ERROR(CopyContent(from, stored.url, encrypt));
-  } else {
-    if (!asset) return IllegalArgumentError("Illegal argument: Condition asset || source not fulfilled. ");
-    AssetType assetType = asset->GetType();
-    Digest digest{};
-    digest.fill(0);
-    bool hashed = false;
-    // The type writes through a hashing stream, so the content is read once.
-    KELVO_ASSIGN_OR_RETURN(stored.extraMeta, assetType->Store(asset, stored.url, &digest));
-    hashed = std::any_of(digest.begin(), digest.end(), [](std::uint8_t b) { return b != 0; });
-    if (!hashed) return IllegalStateError("Illegal state: Condition hash.GetLength() == HASH_LEN/2 not fulfilled. ");
-    stored.versionId = Id(DigestToHex(digest));
-  }
-  if (!overwrittenHash.IsEmpty()) stored.versionId = overwrittenHash;
-  if (!IsValidIdText(stored.versionId.View()))
-    return IllegalArgumentError("Illegal version Id @ for a store.", stored.versionId);
-  // Plain write: the marker keeps a half-written hash file from being read.
-  {
-    KELVO_ASSIGN_OR_RETURN(auto out, dir.Append("hash").OpenOutputStream());
-    const std::string line = stored.versionId.ToString() + "\n";
-    KELVO_RETURN_ON_ERROR(out->Write(line.data(), line.size()));
-    KELVO_RETURN_ON_ERROR(out->Close());
-  }
-  return stored;
-}
-
-void UrlAssetRepositoryImpl::HandleAssetStored(const AssetDescription& asset) {
-  if (asset && asset->GetRepository().get() == this) {
-    auto meta = std::dynamic_pointer_cast<const AssetMetaDataImpl>(asset->GetMetaData());
-    if (const Url* dir = meta ? meta->GetVersionData().GetPtr<Url>() : nullptr) {
-      auto removed = dir->Append(kIncompleteMarker).IoDelete(false);
-      if (removed.HasError())
-        WarningOutput("Can't finish version @ of @: @", asset->GetIdAndVersion().second,
-                      asset->GetIdAndVersion().first, removed.GetError());
-    }
-  }
-  BaseAssetRepositoryImpl::HandleAssetStored(asset);
-}
-
-Result<void> UrlAssetRepositoryImpl::EraseImpl(const AssetDescription&, const Data& vdata) {
-  KELVO_ASSIGN_OR_RETURN(Url dir, GetVersionDirectory(vdata));
-  if (!IsBelow(dir, _url)) return IllegalArgumentError("Version directory @ lies outside @.", dir, _url);
-  return dir.IoDelete(true);
-}
-
-Result<bool> UrlAssetRepositoryImpl::HandleAssetErasedCompletely(const Id& aid, const Data& adata) {
-  const UrlAssetData* data = GetUrlAssetData(adata);
-  if (!data) return IllegalArgumentError("Foreign asset record @ for @.", adata, aid);
-  if (!IsBelow(data->url, _url)) return IllegalArgumentError("Asset directory @ lies outside @.", data->url, _url);
-  KELVO_RETURN_ON_ERROR(data->url.IoDelete(true));
-  return true;
 }
 
 // ---- metadata ----------------------------------------------------------------------------------------
@@ -671,36 +566,10 @@ Result<Data> UrlAssetRepositoryImpl::StoreMetaDataImpl(const Data& vdata, const 
   if (source.IsEmpty()) return Data();
   const Url target = dir.Append(name);
   KELVO_RETURN_ON_ERROR(CopyContent(source, target));
-  Url value("meta", asset.first.ToString() + "/" + name);
+  Url value("meta", EscapeAssetIdForUrlPath(asset.first.View()) + "/" + name);
   value.SetQuery(asset.second.View());
   value.SetData(g_resolveInfoKey, Data(ResolveInfo{target, value.ToString(), nullptr}));
   return Data(std::move(value));
-}
-
-// ---- version numbers ---------------------------------------------------------------------------------
-
-Result<void> UrlAssetRepositoryImpl::WriteNextVersion(std::uint64_t version) {
-  return _versionUrl.WriteAll(std::to_string(version) + "\n");
-}
-
-Result<VersionNumber> UrlAssetRepositoryImpl::GetNextVersionImpl() {
-  std::lock_guard guard(_lock);
-  const std::uint64_t next = _nextVersion + 1;
-  KELVO_RETURN_ON_ERROR(WriteNextVersion(next));
-  _nextVersion = next;
-  _versionFileHolds = next;
-  return VersionNumber{next, static_cast<std::uint64_t>(GetId().GetHashCode())};
-}
-
-Result<void> UrlAssetRepositoryImpl::UpdateNextVersionImpl(const VersionNumber& currentVersion) {
-  std::lock_guard guard(_lock);
-  const std::uint64_t next = std::max(_nextVersion, currentVersion.number);
-  // The file already holds the number when this object wrote it: no rewrite per store.
-  if (next == _versionFileHolds && _versionUrl.IoDetect() == IODETECT::FILE) return {};
-  KELVO_RETURN_ON_ERROR(WriteNextVersion(next));
-  _nextVersion = next;
-  _versionFileHolds = next;
-  return {};
 }
 
 } // namespace kelvo

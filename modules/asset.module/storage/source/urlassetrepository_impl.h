@@ -17,6 +17,9 @@
 
 namespace kelvo {
 
+class RepositoryTreeLock;
+class RepositoryChangeToken;
+
 class UrlAssetRepositoryImpl final : public UrlAssetRepository {
 public:
   // Use CreateUrlAssetRepository.
@@ -42,11 +45,16 @@ public:
   Result<Data> CreateDataForIdImpl(const Id& aid, const Id& type) override;
   // Writes <asset directory>/<n>/: a hidden marker first, then the content and the hash file.
   // The marker goes when the store has written its metadata too (HandleAssetStored), so a scan
-  // after a crash passes over a half-written version.
+  // after a crash, or a reader in another process, passes over a half-written version. A new
+  // version's directory is made exclusively: when <n> is taken, the next free number is used and
+  // returned in StoredVersion::number. An overwrite (overwrittenHash given) reuses <n>.
   Result<StoredVersion> StoreImpl(const Asset& asset, bool deleteAsset, const Id& overwrittenHash,
                                   const AssetDescription& source, Data& adata, const VersionNumber& version,
                                   bool addEncryption) override;
+  // Moves the version directory to a hidden name, then deletes it: readers see it whole or not at all.
   Result<void> EraseImpl(const AssetDescription& asset, const Data& vdata) override;
+  // Removes the asset directory unless another process stored a version into it meanwhile
+  // (then false: the Id stays).
   Result<bool> HandleAssetErasedCompletely(const Id& aid, const Data& adata) override;
   Result<std::optional<Data>> LoadMetaDataImpl(const Data& vdata, const InternedId& metaId,
                                                std::uint32_t kind) override;
@@ -104,7 +112,14 @@ private:
                                    std::vector<MetaName>& metaNames);
   // The directory of a version in the tree of kind; none is set when that tree doesn't exist.
   Result<Url> SideTreeDirectory(const Url& versionDir, std::uint32_t kind, bool& none) const;
-  Result<void> WriteNextVersion(std::uint64_t version);
+  // Writes the version file with the larger of version and what it holds (with above, one more
+  // than what it holds); the number written.
+  Result<std::uint64_t> WriteNextVersion(std::uint64_t version, bool above);
+  // Makes <asset directory>/<number> exclusively (with the incomplete marker when marked), or the
+  // next free number when it is taken; the number made.
+  Result<std::uint64_t> CreateVersionDirectory(const UrlAssetData& data, std::uint64_t number, bool marked);
+  // After a change of the tree: renews the change token for the indexes of other processes.
+  void NoteTreeChanged();
   Result<void> CompactCore(std::uint64_t generation);
   // Removes _index under the index lock and clears _indexExists; true when there was one.
   Result<bool> RemoveIndexDirectory();
@@ -147,6 +162,9 @@ private:
   std::atomic<bool> _openedFromIndex{false};
   bool _tempRepository = false;
   bool _custom = false;
+  // Coordination with other processes on the same tree (url_repository_lock.h); made in Init.
+  std::shared_ptr<RepositoryTreeLock> _treeLock;
+  std::shared_ptr<RepositoryChangeToken> _changeToken;
 };
 
 } // namespace kelvo

@@ -42,8 +42,12 @@ using UrlVersionTable = std::map<std::uint64_t, UrlIndexedVersion>;
 struct UrlAssetData {
   Url url;
   std::shared_ptr<const UrlVersionTable> versions;
+  // What asset.info says, so that a store can make the directory again when another process
+  // erased the asset meanwhile.
+  Id aid;
+  Id type;
   friend bool operator==(const UrlAssetData& a, const UrlAssetData& b) {
-    return a.url == b.url && a.versions == b.versions;
+    return a.url == b.url && a.versions == b.versions && a.aid == b.aid && a.type == b.type;
   }
 };
 std::size_t HashValue(const UrlAssetData& data);
