@@ -5,6 +5,7 @@
 
 #include "asset/databases/asset_databases.h"
 #include "asset/standard/assets.h"
+#include "asset/watchfolder/asset_watchfolder.h"
 #include "asset/types/command_asset.h"
 #include "asset/types/typed_assets.h"
 #include "kelvo/log.h"
@@ -15,6 +16,7 @@ Result<void> StartAssetModule() {
   if (PrivateStandardRepositoriesStarted()) return {};
   KELVO_RETURN_ON_ERROR(RegisterTypedAssetTypes());
   KELVO_RETURN_ON_ERROR(PrivateStartStandardRepositories());
+  KELVO_RETURN_ON_ERROR(PrivateStartWatchFolders());
   // The first mount pass only gets enqueued here; callers wait with WaitForDatabaseLoading.
   if (Result<void> databases = PrivateStartAssetDatabases(); databases.HasError())
     WarningOutput("Can't start mounting the asset databases: @", databases.GetError());
@@ -24,6 +26,7 @@ Result<void> StartAssetModule() {
 void EndAssetModule() {
   // The mount pass uses the standard repositories: it is cancelled and waited for first.
   PrivateEndAssetDatabases();
+  PrivateEndWatchFolders();
   PrivateEndStandardRepositories();
   CommandAssetInterface::PrivateClearLegacyTables();
 }

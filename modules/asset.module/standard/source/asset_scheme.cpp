@@ -161,7 +161,23 @@ public:
   }
 };
 
+std::mutex& MetasqLock() {
+  static auto* lock = new std::mutex();
+  return *lock;
+}
+
+// REQUIRES: MetasqLock() held.
+MetasqResolver& MetasqResolverSlot() {
+  static auto* slot = new MetasqResolver();
+  return *slot;
+}
+
 } // namespace
+
+void SetMetasqResolver(MetasqResolver resolver) {
+  std::lock_guard guard(MetasqLock());
+  MetasqResolverSlot() = std::move(resolver);
+}
 
 // ---- the resolve record -------------------------------------------------------------------------
 
@@ -201,9 +217,18 @@ Result<AssetDescription> AssetInterface::ResolveAsset(const Url& url, const Asse
 }
 
 Result<ResolvedAssetUrl> ResolveUrl(const Url& url, const AssetRepositoryRef& repositoryIn, ASSET_URL_MODE mode) {
-  if (mode == ASSET_URL_MODE::METASQ)
-    return UnsupportedOperationError("Watch folder meta data is not available in this build: can't resolve @.", url);
   ResolvedAssetUrl result;
+  if (mode == ASSET_URL_MODE::METASQ) {
+    MetasqResolver resolver;
+    {
+      std::lock_guard guard(MetasqLock());
+      resolver = MetasqResolverSlot();
+    }
+    if (!resolver)
+      return UnsupportedOperationError("Watch folder meta data is not available in this build: can't resolve @.", url);
+    KELVO_ASSIGN_OR_RETURN(result.resolved, resolver(url));
+    return result;
+  }
   Data holder;
   if (const ResolveInfo* info = ResolveInfoOf(url, holder); info && info->text == url.ToString()) {
     // A record whose repository is gone is stale: the URL is searched again.

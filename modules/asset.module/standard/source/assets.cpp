@@ -58,9 +58,11 @@ Result<void> RegisterModuleRegistries() {
   KELVO_RETURN_ON_ERROR(GetBuiltinAssetLoaders());
   KELVO_ASSIGN_OR_RETURN(auto types, GetRegistry<AssetRepositoryTypeInfo>(g_assetRepositoryTypesRegistryId));
   types->InsertEntry(repositorytypes::database,
-                     AssetRepositoryTypeInfo{repositorytypes::database, "A repository in a directory tree."});
-  types->InsertEntry(repositorytypes::watchfolder,
-                     AssetRepositoryTypeInfo{repositorytypes::watchfolder, "A watched plain folder of files."});
+                     AssetRepositoryTypeInfo{repositorytypes::database, "A repository in a directory tree.", {}});
+  // The factory of this type comes from its own subsystem, which registers it after this start.
+  if (!types->FindEntryValue(repositorytypes::watchfolder))
+    types->InsertEntry(repositorytypes::watchfolder,
+                       AssetRepositoryTypeInfo{repositorytypes::watchfolder, "A watched plain folder of files.", {}});
   return {};
 }
 
@@ -153,10 +155,13 @@ Result<AssetRepositoryRef> AssetInterface::CreateRepositoryFromUrl(const Id& rid
                                                                    const std::vector<AssetRepositoryRef>& bases,
                                                                    const Url& url, const RepositoryOptions& options) {
   if (repoType == repositorytypes::database) return OpenUrlRepository(rid, bases, url, options);
-  if (repoType == repositorytypes::watchfolder)
-    return UnsupportedOperationError("Watch folder repositories are not available in this build: can't open @.",
+  KELVO_ASSIGN_OR_RETURN(auto types, GetRegistry<AssetRepositoryTypeInfo>(g_assetRepositoryTypesRegistryId));
+  const std::optional<AssetRepositoryTypeInfo> info = types->FindEntryValue(repoType);
+  if (!info) return IllegalArgumentError("Undefined repository type for url: @", url);
+  if (!info->create)
+    return UnsupportedOperationError("Repositories of type @ are not available in this build: can't open @.", repoType,
                                      url);
-  return IllegalArgumentError("Undefined repository type for url: @", url);
+  return info->create(rid, bases, url, options.writable, options.derivedInPrefs, options.tempRepository);
 }
 
 } // namespace kelvo

@@ -2,6 +2,7 @@
 // The URL schemes "asset", "meta", "metasq" and "assetdb": resolving, opening and naming asset URLs.
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include "asset/core/asset_description.h"
@@ -85,6 +86,11 @@ Result<std::string> ConvertAssetUrlToUiName(const Url& url, std::uint32_t flags,
 // A path of one component or none comes back unchanged; no match is an io error
 // "Asset not found".
 Result<Url> ResolveAssetDbUrl(const Url& url, const AssetRepositoryRef& repository = nullptr);
+
+// Resolves a "metasq" URL to a readable physical URL. The watch folder subsystem sets it when it
+// starts; until then "metasq" URLs fail as unsupported. Any thread.
+using MetasqResolver = std::function<Result<Url>(const Url& url)>;
+void SetMetasqResolver(MetasqResolver resolver);
 
 // Registers the four handlers; done by StartAssetModule. Safe to call more than once.
 void RegisterAssetIoHandlers();

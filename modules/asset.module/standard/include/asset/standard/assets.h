@@ -9,7 +9,8 @@
 //   GetBuiltinRepository(), GetApplicationRepository() (may be null), GetUserPrefsRepository():
 //     the references made at start; null before StartAssetModule and after EndAssetModule.
 //   CreateRepositoryFromUrl(rid, repoType, bases, url, options):
-//     a URL repository for g_databaseRepositoryType; an error for any other type.
+//     a URL repository for repositorytypes::database; other types through the factory of their
+//     entry in net.kelvo.registry.assetrepositorytypes; an error for a type without one.
 //   IsAssetVersionValid / IsAssetValid / IsAssetVisible: the range net.kelvo.asset.validversion
 //     against Application::GetVersion(); a null description is valid.
 //   ResolveAssetsWithMissingAssets: resolves one dependency once per `checked` set.
@@ -56,10 +57,19 @@ inline const Id database{"net.kelvo.assets.repositorytype.database"};
 inline const Id watchfolder{"net.kelvo.assets.repositorytype.watchfolder"};
 } // namespace repositorytypes
 
+// Opens a repository of one type: the arguments of CreateRepositoryFromUrl without the type.
+// A subsystem above this layer fills it in when it starts; no repository (null, no error) means
+// that the type is switched off.
+using RepositoryFactory = std::function<Result<AssetRepositoryRef>(
+    const Id& rid, const std::vector<AssetRepositoryRef>& bases, const Url& url, bool writable,
+    bool derivedInPrefs, bool tempRepository)>;
+
 // One entry of net.kelvo.registry.assetrepositorytypes.
 struct AssetRepositoryTypeInfo {
   Id typeId;
   std::string description;
+  // Empty for a type whose subsystem hasn't started; CreateRepositoryFromUrl then refuses it.
+  RepositoryFactory create;
 };
 extern const Id g_assetRepositoryTypesRegistryId; // net.kelvo.registry.assetrepositorytypes
 
