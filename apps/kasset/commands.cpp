@@ -11,6 +11,7 @@
 
 #include "asset/standard/assets.h"
 #include "db_commands.h"
+#include "types_commands.h"
 #include "kelvo/application.h"
 #include "output.h"
 
@@ -371,6 +372,7 @@ int CmdShow(const CommandLine& line, Session& session) {
     if (auto url = AssetInterface::GetAssetUrl(latest, true); url.HasValue()) head.AddRow({"url:", url->ToString()});
   }
   head.AddRow({"repository:", latest->GetRepositoryId().ToString()});
+  for (auto& row : TypedAssetRows(shown, session)) head.AddRow(std::move(row));
   std::cout << head.Format() << "\nversions:\n";
   Table table;
   std::size_t number = 0;
@@ -610,6 +612,7 @@ const std::vector<CommandSpec>& GetCommands() {
   static const std::vector<CommandSpec> all = [] {
     std::vector<CommandSpec> v = commands;
     v.insert(v.end(), GetDbCommands().begin(), GetDbCommands().end());
+    v.insert(v.end(), GetTypesCommands().begin(), GetTypesCommands().end());
     return v;
   }();
   return all;
@@ -653,6 +656,7 @@ int RunCommand(const CommandLine& line, Session& session) {
   if (c == "erase") return CmdErase(line, session);
   if (c == "mount") return CmdMount(line, session);
   if (IsDbCommand(c)) return RunDbCommand(line, session);
+  if (IsTypesCommand(c)) return RunTypesCommand(line, session);
   return Fail(EXIT_USAGE, "unknown command '" + c + "'");
 }
 
