@@ -45,8 +45,8 @@ protected:
   std::filesystem::path Dir(const std::string& name) const { return _base / name; }
 
   // Opens the repository in directory dir (main or base) with the given bases.
-  std::shared_ptr<UrlAssetRepository> Open(const std::string& dir = "main", const Id& id = kMainRepo,
-                                               const RepositoryArray& bases = {}, bool writable = true) {
+  AssetRepositoryRef Open(const std::string& dir = "main", const Id& id = kMainRepo, const RepositoryArray& bases = {},
+                          bool writable = true) {
     auto r = CreateUrlAssetRepository(id, bases, Url::FromFile(Dir(dir).string()), writable, false, false);
     EXPECT_TRUE(r.HasValue()) << r.GetError().ToString();
     return r.HasValue() ? *r : nullptr;
