@@ -25,10 +25,7 @@ const Id& CategoryAssetInterface::TypeId() {
   return id;
 }
 
-Asset CategoryAssetInterface::Create() {
-  (void)RegisterTypedAssetTypes();
-  return std::make_shared<CategoryAssetImpl>();
-}
+Asset CategoryAssetInterface::Create() { return CreateTypedAsset<CategoryAssetInterface>(); }
 
 Result<Id> CategoryAssetInterface::GetParentCategory(const AssetDescription& asset) {
   KELVO_ASSIGN_OR_RETURN(std::optional<Id> parent, ReadMeta<Id>(asset, categoryids::parent));

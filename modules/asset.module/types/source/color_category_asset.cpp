@@ -23,10 +23,7 @@ const Id& ColorCategoryAssetInterface::TypeId() {
   return id;
 }
 
-Asset ColorCategoryAssetInterface::Create() {
-  (void)RegisterTypedAssetTypes();
-  return std::make_shared<ColorCategoryAssetImpl>();
-}
+Asset ColorCategoryAssetInterface::Create() { return CreateTypedAsset<ColorCategoryAssetInterface>(); }
 
 ColorCategoryTag ColorCategoryAssetInterface::GetColorCategory(const AssetDescription& asset,
                                                                const AssetRepositoryRef& repository) {

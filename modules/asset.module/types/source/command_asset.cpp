@@ -132,10 +132,7 @@ const Id& CommandAssetInterface::TypeId() {
   return id;
 }
 
-Asset CommandAssetInterface::Create() {
-  (void)RegisterTypedAssetTypes();
-  return std::make_shared<CommandAssetImpl>();
-}
+Asset CommandAssetInterface::Create() { return CreateTypedAsset<CommandAssetInterface>(); }
 
 Result<COMMAND_ASSET_STATE> CommandAssetInterface::QueryState(const AssetDescription& commandAsset) {
   KELVO_RETURN_ON_ERROR(CheckCommand(commandAsset));

@@ -79,10 +79,7 @@ const Id& KeywordAssetInterface::TypeId() {
   return id;
 }
 
-Asset KeywordAssetInterface::Create() {
-  (void)RegisterTypedAssetTypes();
-  return std::make_shared<KeywordAssetImpl>();
-}
+Asset KeywordAssetInterface::Create() { return CreateTypedAsset<KeywordAssetInterface>(); }
 
 Result<bool> KeywordAssetInterface::AddKeyword(const AssetDescription& target, const Id& keywordId, bool userScope,
                                                bool updateUsageRepository) {

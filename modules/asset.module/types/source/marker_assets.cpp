@@ -16,20 +16,14 @@ const Id& NodeSpaceAssetInterface::TypeId() {
   return id;
 }
 
-Asset NodeSpaceAssetInterface::Create() {
-  (void)RegisterTypedAssetTypes();
-  return std::make_shared<NodeSpaceAssetImpl>();
-}
+Asset NodeSpaceAssetInterface::Create() { return CreateTypedAsset<NodeSpaceAssetInterface>(); }
 
 const Id& PluginAssetInterface::TypeId() {
   static const Id id{"net.kelvo.assettype.plugin"};
   return id;
 }
 
-Asset PluginAssetInterface::Create() {
-  (void)RegisterTypedAssetTypes();
-  return std::make_shared<PluginAssetImpl>();
-}
+Asset PluginAssetInterface::Create() { return CreateTypedAsset<PluginAssetInterface>(); }
 
 Result<Id> PluginAssetInterface::RenamePluginAsset(const Id& aid) {
   if (!aid.View().starts_with(kPluginPrefix)) return Id();
@@ -47,10 +41,7 @@ const Id& SubTypeAssetInterface::TypeId() {
   return id;
 }
 
-Asset SubTypeAssetInterface::Create() {
-  (void)RegisterTypedAssetTypes();
-  return std::make_shared<SubTypeAssetImpl>();
-}
+Asset SubTypeAssetInterface::Create() { return CreateTypedAsset<SubTypeAssetInterface>(); }
 
 Result<void> SubTypeAssetInterface::SetSubType(const AssetDescription& target, const Id& subtype) {
   return StoreAssetMeta(target, metaids::subtype, subtype.IsEmpty() ? Data() : Data(subtype),

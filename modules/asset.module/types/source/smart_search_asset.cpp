@@ -11,10 +11,7 @@ const Id& SmartSearchAssetInterface::TypeId() {
   return id;
 }
 
-Asset SmartSearchAssetInterface::Create() {
-  (void)RegisterTypedAssetTypes();
-  return std::make_shared<SmartSearchAssetImpl>();
-}
+Asset SmartSearchAssetInterface::Create() { return CreateTypedAsset<SmartSearchAssetInterface>(); }
 
 std::string SmartSearchAssetInterface::GetFilterString() const {
   AssetMetaDataRef meta = GetMetaData();

@@ -24,4 +24,10 @@ public:
   Asset Clone() const override { return std::make_shared<TypedAssetImpl>(*this); }
 };
 
+// A new asset of a typed asset interface, its type registered first.
+template <typename Interface> Asset CreateTypedAsset() {
+  (void)RegisterTypedAssetTypes();
+  return std::make_shared<TypedAssetImpl<Interface>>();
+}
+
 } // namespace kelvo
