@@ -10,7 +10,9 @@
 #include <set>
 
 #include "asset/standard/assets.h"
+#include "check_commands.h"
 #include "db_commands.h"
+#include "watch_commands.h"
 #include "types_commands.h"
 #include "kelvo/application.h"
 #include "output.h"
@@ -448,10 +450,12 @@ int CmdExport(const CommandLine& line, Session& session) {
 
   if (auto r = Url::FromFile(dir).IoCreateDirectory(true); r.HasError()) return Fail(EXIT_FAILED, ErrorText(r.GetError()));
   const Url to = Url::FromFile(target.string());
+  // --force replaces what stands there, a link included: the link goes, its target stays untouched.
+  if (line.Has("force") && fs::exists(fs::symlink_status(target, ec))) {
+    if (auto r = to.IoDelete(!fs::is_symlink(fs::symlink_status(target, ec))); r.HasError())
+      return Fail(EXIT_FAILED, ErrorText(r.GetError()));
+  }
   if (resolved.IoDetect() == IODETECT::DIRECTORY) {
-    if (line.Has("force")) {
-      if (auto r = to.IoDelete(true); r.HasError()) return Fail(EXIT_FAILED, ErrorText(r.GetError()));
-    }
     if (auto r = CopyContent(resolved, to); r.HasError()) return Fail(EXIT_FAILED, ErrorText(r.GetError()));
   } else {
     // Read through the asset URL, as any other component would.
@@ -612,7 +616,9 @@ const std::vector<CommandSpec>& GetCommands() {
   static const std::vector<CommandSpec> all = [] {
     std::vector<CommandSpec> v = commands;
     v.insert(v.end(), GetDbCommands().begin(), GetDbCommands().end());
+    v.insert(v.end(), GetWatchCommands().begin(), GetWatchCommands().end());
     v.insert(v.end(), GetTypesCommands().begin(), GetTypesCommands().end());
+    v.insert(v.end(), GetCheckCommands().begin(), GetCheckCommands().end());
     return v;
   }();
   return all;
@@ -656,7 +662,9 @@ int RunCommand(const CommandLine& line, Session& session) {
   if (c == "erase") return CmdErase(line, session);
   if (c == "mount") return CmdMount(line, session);
   if (IsDbCommand(c)) return RunDbCommand(line, session);
+  if (IsWatchCommand(c)) return RunWatchCommand(line, session);
   if (IsTypesCommand(c)) return RunTypesCommand(line, session);
+  if (IsCheckCommand(c)) return RunCheckCommand(line, session);
   return Fail(EXIT_USAGE, "unknown command '" + c + "'");
 }
 

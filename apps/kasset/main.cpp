@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "args.h"
+#include "check_commands.h"
 #include "asset/module/asset_module.h"
 #include "asset/databases/asset_databases.h"
 #include "asset/standard/assets.h"
@@ -74,7 +75,11 @@ int Run(const std::vector<std::string>& argv) {
         }
       }
     }
-    if (code == EXIT_OK) code = RunCommand(line, session);
+    if (code == EXIT_OK) {
+      IndexUpkeep upkeep(session.repository);
+      code = RunCommand(line, session);
+      upkeep.Finish();
+    }
   }
   kelvo::EndAssetModule();
   return code;

@@ -127,6 +127,10 @@ public:
     int code = 0;
     if (archiveUrl.GetScheme() == "file") {
       if (archiveUrl.IoDetect() != IODETECT::FILE) return IoError("Zip archive @ doesn't exist.", archiveUrl);
+      // A FIFO or device would block the open or never end: only regular files are archives.
+      struct stat st{};
+      if (::stat(archiveUrl.GetPath().c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+        return IoError("Zip archive @ is no regular file.", archiveUrl);
       archive->_zip = zip_open(archiveUrl.GetPath().c_str(), ZIP_RDONLY, &code);
       if (!archive->_zip) return ZipError(code, archiveUrl, "Can't open zip archive");
     } else {

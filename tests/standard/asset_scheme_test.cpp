@@ -181,6 +181,27 @@ TEST_F(AssetSchemeTest, DirectoryAssetsOpenPathsInside) {
   fs::remove_all(dir);
 }
 
+TEST_F(AssetSchemeTest, IdsWithSlashesRoundTripAndPathsNeverLeaveTheAsset) {
+  Store("abc", "one");
+  for (const std::string aid : {"dir/one", "abc/../../../../../../etc/passwd", "50%/2F"}) {
+    SCOPED_TRACE(aid);
+    AssetDescription d = Store(aid, "content of " + aid);
+    ASSERT_TRUE(d);
+    auto url = AssetInterface::GetAssetUrl(d, true);
+    ASSERT_TRUE(url.HasValue()) << url.GetError().ToString();
+    EXPECT_EQ(*Read(url->ToString()), "content of " + aid);
+    EXPECT_EQ(ResolvedId(url->ToString()), Id(aid));
+  }
+  // A path inside an asset that climbs out of it is refused, not resolved beside the content.
+  for (const char* text : {"asset:///abc/../../../../etc/passwd", "asset:///abc~.txt/..", "asset:///abc/./x",
+                           "asset:///abc//x"}) {
+    SCOPED_TRACE(text);
+    auto read = Read(text);
+    ASSERT_TRUE(read.HasError());
+    EXPECT_NE(read.GetError().ToString().find("leaves its asset"), std::string::npos) << read.GetError().ToString();
+  }
+}
+
 TEST_F(AssetSchemeTest, InvalidAssetsCantBeRead) {
   AssetDescription d = Store("abc", "one");
   ASSERT_TRUE(repo->StoreMetaData(d, metaids::validversion, Data(DataArray{Data(26.0), Data(0.0)}),

@@ -220,6 +220,23 @@ TEST_F(BuiltinRepositoryTest, FirstLoaderWinsAndIsAskedOnce) {
   EXPECT_EQ(builtin->CompareVersions(d, d), EQUAL);
 }
 
+TEST_F(BuiltinRepositoryTest, AKnownBuiltInAssetNeverHidesANewerUserVersion) {
+  LoaderCalls calls;
+  RegisterTwoLoaders(calls, Url());
+  AssetRepositoryRef user = AssetInterface::GetUserPrefsRepository();
+  // The first search makes the built-in repository know the asset.
+  AssetDescription builtinOne = FindOne(user);
+  ASSERT_TRUE(builtinOne);
+  EXPECT_EQ(builtinOne->GetRepository(), AssetInterface::GetBuiltinRepository());
+  auto mine = user->StoreAsset(Id("builtin.one"), MakeText("the user's own"), nullptr);
+  ASSERT_TRUE(mine.HasValue()) << mine.GetError().ToString();
+  for (int search = 0; search < 2; ++search) {
+    AssetDescription latest = FindOne(user);
+    ASSERT_TRUE(latest);
+    EXPECT_EQ(LoadText(latest), "the user's own");
+  }
+}
+
 TEST_F(BuiltinRepositoryTest, MetaDataStoreRules) {
   LoaderCalls calls;
   RegisterTwoLoaders(calls, Url());

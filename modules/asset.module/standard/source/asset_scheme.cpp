@@ -55,7 +55,20 @@ std::string AssetIdOfPath(std::string_view path) {
     else if (id.starts_with("file_"))
       id = id.substr(0, dot);
   }
-  return std::string(id);
+  return UnescapeAssetIdFromUrlPath(id);
+}
+
+// True when every component of a path inside an asset stays inside it: no empty, "." or ".."
+// component and no NUL.
+bool IsPathInsideAsset(std::string_view rest) {
+  std::size_t start = 0;
+  while (true) {
+    const std::size_t slash = rest.find('/', start);
+    const std::string_view part = rest.substr(start, slash == std::string_view::npos ? std::string_view::npos : slash - start);
+    if (part.empty() || part == "." || part == ".." || part.find('\0') != std::string_view::npos) return false;
+    if (slash == std::string_view::npos) return true;
+    start = slash + 1;
+  }
 }
 
 const ResolveInfo* ResolveInfoOf(const Url& url, Data& holder) {
@@ -250,6 +263,8 @@ Result<ResolvedAssetUrl> ResolveUrl(const Url& url, const AssetRepositoryRef& re
   const std::string& path = url.GetPath();
   const auto slash = path.find('/');
   if (slash != std::string::npos) {
+    if (!IsPathInsideAsset(std::string_view(path).substr(slash + 1)))
+      return IllegalArgumentError("The path of @ leaves its asset.", url);
     if (mode == ASSET_URL_MODE::META) content = content.GetDirectory();
     content = content.Append(path.substr(slash + 1));
   } else if (mode == ASSET_URL_MODE::META) {
@@ -276,7 +291,7 @@ Result<Url> AssetInterface::GetAssetUrl(const AssetDescription& asset, bool isLa
   KELVO_ASSIGN_OR_RETURN(Url content, asset->GetUrl());
   if (content.IsEmpty()) return Url();
   const IdAndVersion aid = asset->GetIdAndVersion();
-  std::string path = aid.first.ToString();
+  std::string path = EscapeAssetIdForUrlPath(aid.first.View());
   if (const std::string suffix = content.GetSuffix(); !suffix.empty()) path += "~." + suffix;
   Url url("asset", path);
 

@@ -50,7 +50,7 @@ AssetRepositoryRef BuiltinRepository::FindRepository(const Id& repoId) const {
 bool BuiltinRepository::IsWritable() const { return g_builtinRepositoryWritable.Get(); }
 
 Result<bool> BuiltinRepository::PrivateFindAssets(const TypeArray& types, const Id& aidIn, const Id&,
-                                                  ASSET_FIND_MODE findMode, const AssetReceiver& receiver,
+                                                  ASSET_FIND_MODE findMode, const AssetReceiver&,
                                                   FindState& state) {
   Id aid = aidIn;
   if (!aid.IsEmpty()) {
@@ -71,7 +71,13 @@ Result<bool> BuiltinRepository::PrivateFindAssets(const TypeArray& types, const 
       auto it = _descriptions.find(aid);
       if (it != _descriptions.end()) known = it->second.description;
     }
-    if (known) return receiver(known);
+    // Like an offer of a loader: a slot that a repository before this one in the walk took (a
+    // user's newer version) stays, and the walk's end delivers the result.
+    if (known) {
+      AssetDescription& slot = state.latestMap[aid];
+      if (!slot) slot = known;
+      return true;
+    }
   }
 
   bool called = false;
