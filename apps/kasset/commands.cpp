@@ -13,7 +13,6 @@
 #include "check_commands.h"
 #include "db_commands.h"
 #include "watch_commands.h"
-#include "watch_commands.h"
 #include "types_commands.h"
 #include "kelvo/application.h"
 #include "output.h"
@@ -618,7 +617,6 @@ const std::vector<CommandSpec>& GetCommands() {
     std::vector<CommandSpec> v = commands;
     v.insert(v.end(), GetDbCommands().begin(), GetDbCommands().end());
     v.insert(v.end(), GetWatchCommands().begin(), GetWatchCommands().end());
-    v.insert(v.end(), GetWatchCommands().begin(), GetWatchCommands().end());
     v.insert(v.end(), GetTypesCommands().begin(), GetTypesCommands().end());
     v.insert(v.end(), GetCheckCommands().begin(), GetCheckCommands().end());
     return v;
@@ -664,7 +662,6 @@ int RunCommand(const CommandLine& line, Session& session) {
   if (c == "erase") return CmdErase(line, session);
   if (c == "mount") return CmdMount(line, session);
   if (IsDbCommand(c)) return RunDbCommand(line, session);
-  if (IsWatchCommand(c)) return RunWatchCommand(line, session);
   if (IsWatchCommand(c)) return RunWatchCommand(line, session);
   if (IsTypesCommand(c)) return RunTypesCommand(line, session);
   if (IsCheckCommand(c)) return RunCheckCommand(line, session);
