@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "asset/core/asset_description.h"
+#include "asset/core/assetrepositorydecorator.h"
 #include "asset/core/baseassetrepository.h"
 
 namespace kelvo {
@@ -420,6 +421,33 @@ TEST_F(BoundMetaDataTest, RepositoryGoneOrWithoutBackEnd) {
   ASSERT_TRUE(r.HasError());
   EXPECT_EQ(r.GetError().GetMessage().rfind("Repository has unsupported class ", 0), 0u);
   EXPECT_NE(r.GetError().GetMessage().find("PlainFakeRepository."), std::string::npos);
+}
+
+// Metadata and a description bound to a decorator load through the decorated back end.
+TEST_F(BoundMetaDataTest, BoundToADecoratorLoadsThroughTheDecoratedBackEnd) {
+  repo->backEnd[kValue] = Data("stored");
+  auto decorator = WeakAssetRepositoryDecorator::Create(repo);
+  MetaEntryMap entries{{kValue, MetaEntry{Data(), K::PERSISTENT, false, 0}}};
+  auto meta = std::make_shared<AssetMetaDataImpl>(AssetRepositoryRef(decorator), kComputingType, kAid,
+                                                  VersionKey{5, 2, 9}, Data("vdata-of-v2"), std::move(entries));
+  auto value = meta->GetValue<std::string>(kValue);
+  ASSERT_TRUE(value.HasValue()) << value.GetError().ToString();
+  EXPECT_EQ(*value, "stored");
+  EXPECT_EQ(repo->lastVdata.Get<std::string>(), "vdata-of-v2");
+  auto decorated = std::make_shared<AssetDescriptionImpl>(kAid, kComputingType, VersionKey{5, 2, 9}, meta, false,
+                                                          decorator, Url::FromFile("/store/v2/content"));
+  auto loaded = decorated->Load(false);
+  ASSERT_TRUE(loaded.HasValue()) << loaded.GetError().ToString();
+  ASSERT_EQ(repo->loadedAssets.size(), 1u);
+  EXPECT_EQ(repo->loadedAssets[0], std::make_pair(*loaded, false));
+  // Once the decorated repository is gone, reads fail clearly instead of finding nothing.
+  auto other = std::make_shared<AssetMetaDataImpl>(
+      AssetRepositoryRef(decorator), kComputingType, kAid, VersionKey{}, Data(),
+      MetaEntryMap{{kOther, MetaEntry{Data(), K::PERSISTENT, false, 0}}});
+  decorated.reset();
+  description.reset();
+  repo.reset();
+  EXPECT_TRUE(other->Get(kOther).HasError());
 }
 
 // ---- description paths that need a repository ------------------------------------------------

@@ -125,8 +125,8 @@ Result<Asset> AssetDescriptionImpl::Load(bool updateLinks) const {
   asset->SetId(aid, updateLinks ? 1 : 0, repository, url);
   asset->SetMetaData(_metaData);
   slot = asset;
-  if (auto* backEnd = dynamic_cast<BaseAssetRepositoryInterface*>(repository.get()))
-    KELVO_RETURN_ON_ERROR(backEnd->AssetLoadedImpl(asset, updateLinks));
+  if (AssetRecordLoaderRef loader = repository ? repository->GetRecordLoader() : nullptr)
+    KELVO_RETURN_ON_ERROR(loader->AssetLoadedImpl(asset, updateLinks));
   return asset;
 }
 

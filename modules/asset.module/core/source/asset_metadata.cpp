@@ -13,7 +13,6 @@ namespace kelvo {
 
 namespace {
 
-constexpr std::uint32_t kDerivedCache = AssetMetaData::PERSISTENT | AssetMetaData::DERIVED;
 constexpr const char* kRepositoryGone = "Repository doesn't exist any longer.";
 
 // True when a weak reference was made from a repository at all (expired or not); a
@@ -102,10 +101,10 @@ Result<bool> AssetMetaDataImpl::PrivateGet(const InternedId& metaId, const Id& t
       if (!_bound) return false;
       repository = _repository.lock();
       if (!repository) return IllegalStateError(kRepositoryGone);
-      auto* backEnd = dynamic_cast<BaseAssetRepositoryInterface*>(repository.get());
-      if (!backEnd) return IllegalStateError("Repository has unsupported class @.", ClassNameOf(*repository));
+      AssetRecordLoaderRef loader = repository->GetRecordLoader();
+      if (!loader) return IllegalStateError("Repository has unsupported class @.", ClassNameOf(*repository));
       // The first reader loads while holding the write lock, so the back end is asked once.
-      auto loaded = backEnd->LoadMetaDataImpl(_vdata, metaId, entry.kind);
+      auto loaded = loader->LoadMetaDataImpl(_vdata, metaId, entry.kind);
       std::optional<Data> value;
       if (loaded.HasError()) {
         // A missing or unreadable file is no value; anything else is not remembered.
@@ -118,7 +117,7 @@ Result<bool> AssetMetaDataImpl::PrivateGet(const InternedId& metaId, const Id& t
         entry.loaded = true;
         return Deliver(entry, type, mem);
       }
-      if (entry.kind != kDerivedCache) {
+      if (entry.kind != AssetMetaData::DERIVED_CACHE) {
         entry.data = Data();
         entry.loaded = true;
         return false;
@@ -148,7 +147,7 @@ Result<bool> AssetMetaDataImpl::Compute(const InternedId& metaId, const Id& type
         return false;
       }));
   if (!description) return DeliverValue(computed.value, type, mem);
-  KELVO_RETURN_ON_ERROR(repository->StoreMetaData(description, metaId, *computed.value, kDerivedCache));
+  KELVO_RETURN_ON_ERROR(repository->StoreMetaData(description, metaId, *computed.value, AssetMetaData::DERIVED_CACHE));
   {
     ReadLocker guard(_lock);
     auto it = _entries.find(metaId);

@@ -320,4 +320,12 @@ void RepositoryBaseClass::HandleDownloadStateChanged(const AssetRepositoryRef& r
          [&](DerivedAssetRepositoryDataInterface& d) { d.HandleDownloadStateChanged(repository, finished); });
 }
 
+Result<void> AssetRecordLoader::AssetLoadedImpl(const Asset&, bool) { return {}; }
+
+AssetRecordLoaderRef AssetRepositoryInterface::GetRecordLoader() {
+  // The one place that asks: repositories that are their own back end need no override.
+  auto* loader = dynamic_cast<AssetRecordLoader*>(this);
+  return loader ? AssetRecordLoaderRef(shared_from_this(), loader) : nullptr;
+}
+
 } // namespace kelvo

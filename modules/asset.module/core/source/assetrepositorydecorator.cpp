@@ -18,6 +18,7 @@ Error NoRepository() { return NullptrError("The decorated repository is gone.");
   if (AssetRepositoryRef r = PrivateGetDecoratedObject()) return r->call;                          \
   return fallback
 
+AssetRecordLoaderRef AssetRepositoryDecoratorBase::GetRecordLoader() { KELVO_FORWARD_OR(GetRecordLoader(), nullptr); }
 Result<void> AssetRepositoryDecoratorBase::SetData(const Id& key, const Data& value) { KELVO_FORWARD(SetData(key, value)); }
 Data AssetRepositoryDecoratorBase::GetData(const Id& key) const { KELVO_FORWARD_OR(GetData(key), Data()); }
 Result<void> AssetRepositoryDecoratorBase::EraseData(const Id& key) { KELVO_FORWARD(EraseData(key)); }

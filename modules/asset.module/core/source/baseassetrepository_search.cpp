@@ -54,7 +54,6 @@ std::optional<std::size_t> VersionsData::FindVersion(const Id& versionId) const 
   return std::nullopt;
 }
 
-Result<void> BaseAssetRepositoryInterface::AssetLoadedImpl(const Asset&, bool) { return {}; }
 
 void MergeIntoLatestMap(std::unordered_map<Id, AssetDescription>& latestMap, const Id& aid,
                         const AssetDescription& description) {

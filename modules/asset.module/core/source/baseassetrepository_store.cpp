@@ -36,27 +36,29 @@ Result<void> CopyInheritedEntries(const AssetMetaDataRef& meta, bool fromCopy, M
 
 Result<AssetDescription> BaseAssetRepositoryImpl::StoreAsset(const Id& aid, const Asset& asset,
                                                              const AssetMetaDataRef& metaData) {
-  return StoreCore(aid, asset, metaData, false, false, nullptr, false, false);
+  return StoreCore(aid, StoreRequest{.asset = asset, .metaData = metaData});
 }
 
 Result<AssetDescription> BaseAssetRepositoryImpl::OverwriteAsset(const Id& aid, const Asset& asset,
                                                                  const AssetMetaDataRef& metaData) {
-  return StoreCore(aid, asset, metaData, false, false, nullptr, false, true);
+  return StoreCore(aid, StoreRequest{.asset = asset, .metaData = metaData, .overwrite = true});
 }
 
 Result<AssetDescription> BaseAssetRepositoryImpl::DeleteAsset(const Id& aid) {
-  return StoreCore(aid, nullptr, nullptr, true, false, nullptr, false, false);
+  return StoreCore(aid, StoreRequest{.deleteAsset = true});
 }
 
 Result<AssetDescription> BaseAssetRepositoryImpl::CopyAsset(const Id& aid, const AssetDescription& source,
                                                             bool addEncryption, bool overwrite) {
-  return StoreCore(aid, nullptr, nullptr, false, false, source, addEncryption, overwrite);
+  return StoreCore(aid, StoreRequest{.source = source, .addEncryption = addEncryption, .overwrite = overwrite});
 }
 
-Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const Asset& assetIn,
-                                                            const AssetMetaDataRef& metaData, bool deleteAsset,
-                                                            bool updateInPlace, const AssetDescription& source,
-                                                            bool addEncryption, bool overwrite) {
+Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const StoreRequest& request) {
+  const Asset& assetIn = request.asset;
+  const AssetMetaDataRef& metaData = request.metaData;
+  const AssetDescription& source = request.source;
+  const bool deleteAsset = request.deleteAsset;
+  const bool overwrite = request.overwrite;
   if (aid.IsEmpty()) return IllegalArgumentError("Asset ID cannot be null.");
   // Ids end up in line-based files and listings: a control character would split or hide one.
   const std::string_view text = aid.View();
@@ -65,18 +67,15 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
       return IllegalArgumentError("Asset Id @... contains a control character (code @) at position @.",
                                   std::string(text.substr(0, at)), static_cast<int>(static_cast<unsigned char>(text[at])),
                                   at);
-  // 1. A copied version must be valid for this application.
+  // A copy must not bring a version this application can't read into a repository it writes.
   if (source) {
     KELVO_ASSIGN_OR_RETURN(bool valid, IsAssetValid(source));
     if (!valid) return IllegalStateError("Asset not valid for this app version.");
   }
-  // 3. Checks of a real store.
-  if (!updateInPlace) {
-    if (!deleteAsset && !assetIn && !source)
-      return IllegalArgumentError("Illegal argument: Condition asset || source not fulfilled. ");
-    if (!IsWritable()) return IllegalStateError("Repository @ isn't writable", _repositoryId);
-  }
-  // 4. Find or make the IdData.
+  if (!deleteAsset && !assetIn && !source)
+    return IllegalArgumentError("Illegal argument: Condition asset || source not fulfilled. ");
+  if (!IsWritable()) return IllegalStateError("Repository @ isn't writable", _repositoryId);
+  // A new Id gets its record before any version exists, so that concurrent stores share it.
   IdDataRef idData = FindIdData(aid);
   if (!idData) {
     WriteLocker guard(_idsLock);
@@ -85,19 +84,18 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
       idData = it->second;
     } else {
       if (deleteAsset) return IllegalStateError("No asset to delete for asset id @.", aid);
-      if (updateInPlace) return IllegalStateError("No asset to update for asset id @.", aid);
       const Id type = source ? source->GetTypeId() : (assetIn ? assetIn->GetTypeId() : Id());
       KELVO_ASSIGN_OR_RETURN(Data adata, CreateDataForIdImpl(aid, type));
       idData = std::make_shared<IdData>(aid, type, std::move(adata));
       _ids.emplace(aid, idData);
     }
   }
-  if (updateInPlace) return UnsupportedOperationError("In-place link updates are not supported by @.", _repositoryId);
 
-  // 6. Some back ends must see the versions first.
+  // A back end that numbers versions from what it holds must have read them first.
   if (NeedsLoadVersionsBeforeStore()) KELVO_RETURN_ON_ERROR(GetVersions(idData));
 
-  // 7. and 8. Choose the version number.
+  // The next number after the latest version, or the latest's own for an overwrite; the
+  // repository's counter is moved along so that numbers are never handed out twice.
   VersionNumber number;
   std::optional<VersionKey> replacedKey;
   Id overwrittenHash;
@@ -121,13 +119,13 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
     KELVO_ASSIGN_OR_RETURN(number, GetNextVersionImpl());
   }
 
-  // 9. Stores to one Id run one at a time from here on.
+  // Stores to one Id run one at a time from here on.
   std::unique_lock storeGuard(idData->storeLock);
   // An erase of the last version may have dropped this IdData while the number was chosen: a
   // version stored into it would be found by no search, so the store starts over.
   if (FindIdData(aid) != idData) {
     storeGuard.unlock();
-    return StoreCore(aid, assetIn, metaData, deleteAsset, updateInPlace, source, addEncryption, overwrite);
+    return StoreCore(aid, request);
   }
   if (!overwrite) {
     // Another store to this Id may have finished since the number was chosen: take the next one.
@@ -140,7 +138,7 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
     }
   }
 
-  // 10. Write the content.
+  // The content first: the metadata below names the version the back end wrote.
   Asset asset = assetIn;
   Data adata;
   {
@@ -148,7 +146,7 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
     adata = idData->adata;
   }
   KELVO_ASSIGN_OR_RETURN(StoredVersion stored,
-                         StoreImpl(asset, deleteAsset, overwrittenHash, source, adata, number, addEncryption));
+                         StoreImpl(asset, deleteAsset, overwrittenHash, source, adata, number, request.addEncryption));
   {
     WriteLocker guard(idData->versionsLock);
     idData->adata = adata;
@@ -158,10 +156,11 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
     KELVO_RETURN_ON_ERROR(UpdateNextVersionImpl(number));
   }
 
-  // 11. to 14. Assemble the metadata of the new version.
+  // The metadata of the new version: its time stamp, what the content or the source brings,
+  // the caller's entries over those, and what the back end computed while writing.
   MetaEntryMap entries;
   entries[metaids::timestamp] =
-      MetaEntry{Data(UniversalDateTime::GetNow()), AssetMetaData::READ_ONLY | AssetMetaData::PERSISTENT | AssetMetaData::VERSION, true, 0};
+      MetaEntry{Data(UniversalDateTime::GetNow()), AssetMetaData::READ_ONLY_VERSION, true, 0};
   if (!deleteAsset) {
     const AssetMetaDataRef inherited = asset ? asset->GetMetaData() : (source ? source->GetMetaData() : nullptr);
     KELVO_RETURN_ON_ERROR(CopyInheritedEntries(inherited, source != nullptr, entries));
@@ -169,7 +168,7 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
   if (metaData) KELVO_RETURN_ON_ERROR(CopyInheritedEntries(metaData, false, entries));
   for (const auto& [metaId, value] : stored.extraMeta) entries[metaId] = MetaEntry{value, AssetMetaData::PERSISTENT, true, 0};
 
-  // 15. Write each entry through the back end; a "meta" URL value is written as its file.
+  // Each entry is written through the back end; a "meta" URL value is written as its file.
   const IdAndVersion idv{aid, stored.versionId};
   for (auto& [metaId, entry] : entries) {
     const Url* url = entry.data.GetPtr<Url>();
@@ -179,7 +178,7 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
                                                          entry.kind, urlMode));
   }
 
-  // 16. and 17. The key and the metadata object.
+  // Versions sort by time stamp, then number and repository word.
   auto timeIt = entries.find(metaids::timestamp);
   const UniversalDateTime* time = timeIt == entries.end() ? nullptr : timeIt->second.data.GetPtr<UniversalDateTime>();
   if (!time) return UnexpectedError("Assertion failed: Condition timeMeta not fulfilled. ");
@@ -188,7 +187,7 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
   const Id typeId = idData->typeId;
   auto meta = std::make_shared<AssetMetaDataImpl>(self, typeId, idv, key, stored.vdata, std::move(entries));
 
-  // 18. The description.
+  // A stored asset object becomes the description's loaded asset, so it is not read back.
   AssetDescription description;
   if (asset) {
     if (asset.use_count() > 1) asset = asset->Clone();
@@ -199,7 +198,7 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
     description = std::make_shared<AssetDescriptionImpl>(idv, typeId, key, meta, deleteAsset, self, stored.url);
   }
 
-  // 19. Publish a new snapshot of the versions.
+  // Readers hold snapshots of the version list: a new one is published, never changed in place.
   {
     WriteLocker guard(idData->versionsLock);
     auto versions = idData->versions ? std::make_shared<VersionsData>(*idData->versions) : std::make_shared<VersionsData>();
@@ -217,9 +216,9 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
   }
   storeGuard.unlock();
 
-  // 22. Record the asset's links.
+  // The back end records the asset's links to other assets.
   if (asset) KELVO_RETURN_ON_ERROR(AssetLoadedImpl(asset, true));
-  // 23. Notify.
+  // Observers are told last, with no lock held, so that they may call back into the repository.
   if (deleteAsset)
     HandleAssetErased(description);
   else

@@ -28,7 +28,6 @@ const Id kUrlAssetDataType{"net.kelvo.asset.urlassetdata"};
 const Id kOriginUrlKey{"net.kelvo.url.originurl"};
 const Id kUserPrefsRepositoryId{"net.kelvo.repository.userprefs"};
 const Id kSceneRepositoryId{"net.kelvo.repository.scene"};
-constexpr std::uint32_t kPersistentUser = AssetMetaData::PERSISTENT | AssetMetaData::USER;
 
 bool IsHexVersionId(std::string_view s) {
   return s.size() == HASH_LEN && s.find_first_not_of("0123456789abcdef") == std::string_view::npos;
@@ -520,7 +519,7 @@ Result<Data> UrlAssetRepositoryImpl::StoreMetaDataImpl(const Data& vdata, const 
 
   // A changed persistent value makes every derived value of the version stale.
   // Only a separate derived tree is cleared: derived values kept in the root stay.
-  if ((kind == AssetMetaData::PERSISTENT || kind == kPersistentUser) && !_derivedUrl.IsEmpty() &&
+  if ((kind == AssetMetaData::PERSISTENT || kind == AssetMetaData::PERSISTENT_USER) && !_derivedUrl.IsEmpty() &&
       !(_derivedUrl == _url)) {
     bool noDerived = false;
     KELVO_ASSIGN_OR_RETURN(Url derivedDir, SideTreeDirectory(versionDir, AssetMetaData::PERSISTENT | AssetMetaData::DERIVED, noDerived));
@@ -532,7 +531,9 @@ Result<Data> UrlAssetRepositoryImpl::StoreMetaDataImpl(const Data& vdata, const 
   }
 
   if (!urlMode) {
-    const bool written = kind == 2 || kind == 6 || kind == 7 || kind == 10 || kind == kPersistentUser;
+    const bool written = kind == AssetMetaData::PERSISTENT || kind == AssetMetaData::PERSISTENT_VERSION ||
+                         kind == AssetMetaData::READ_ONLY_VERSION || kind == AssetMetaData::DERIVED_CACHE ||
+                         kind == AssetMetaData::PERSISTENT_USER;
     if (!written) {
       if (kind & AssetMetaData::PERSISTENT)
         return IllegalArgumentError("Illegal argument: Condition !(kind & AssetMetaData::KIND::PERSISTENT) not fulfilled. ");
@@ -545,13 +546,14 @@ Result<Data> UrlAssetRepositoryImpl::StoreMetaDataImpl(const Data& vdata, const 
     }
     KELVO_RETURN_ON_ERROR(dir.IoCreateDirectory(true));
     NoteSideDirectory(versionDir, kind);
-    KELVO_RETURN_ON_ERROR(WriteMetaDataFile(file, data, kind == 10));
+    KELVO_RETURN_ON_ERROR(WriteMetaDataFile(file, data, kind == AssetMetaData::DERIVED_CACHE));
     return data;
   }
 
-  if (kind != 2 && kind != 6 && kind != 7)
+  if (kind != AssetMetaData::PERSISTENT && kind != AssetMetaData::PERSISTENT_VERSION &&
+      kind != AssetMetaData::READ_ONLY_VERSION)
     return IllegalArgumentError("Kind @ can't hold a file as metadata.", kind);
-  const std::string base = metaId.ToString() + (kind == 2 ? ".meta" : ".version");
+  const std::string base = metaId.ToString() + (kind == AssetMetaData::PERSISTENT ? ".meta" : ".version");
   std::string suffix = source.GetSuffix();
   if (suffix.empty() || suffix.find('/') != std::string::npos) suffix = "file";
   const std::string name = base + "." + suffix;

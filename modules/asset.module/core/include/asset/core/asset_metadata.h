@@ -30,6 +30,11 @@ struct AssetMetaData {
     VERSION = 4,
     DERIVED = 8,
     USER = 16,
+    // The combinations that back ends keep, each in its own place.
+    PERSISTENT_USER = PERSISTENT | USER,                     // the user's own value
+    PERSISTENT_VERSION = PERSISTENT | VERSION,               // belongs to one version only
+    READ_ONLY_VERSION = READ_ONLY | PERSISTENT | VERSION,    // set by the store, e.g. the time stamp
+    DERIVED_CACHE = PERSISTENT | DERIVED,                    // computed, kept until the content changes
     MASK = 0xffff,
     // Only as an argument of a store: the store may change a READ_ONLY entry. Never kept.
     IGNORE_READ_ONLY = 0x10000,

@@ -80,9 +80,27 @@ namespace repositorykeys {
 inline const Id skipinsearch{"net.kelvo.assetrepository.skipinsearch"};
 }
 
+// What metadata and descriptions load through: the records of the back end that made them.
+// A repository hands it out and a decorator forwards the one of its decorated repository, so
+// metadata bound to a decorator still reach the back end. Called from any thread.
+class AssetRecordLoader {
+public:
+  virtual ~AssetRecordLoader() = default;
+  // The value of one metadata entry of the version whose back-end record is vdata; empty when
+  // there is none. Errors: io for a missing or unreadable value, others for a damaged one.
+  virtual Result<std::optional<Data>> LoadMetaDataImpl(const Data& vdata, const InternedId& metaId,
+                                                       std::uint32_t kind) = 0;
+  // Called once a description has loaded its asset, so that the back end can finish it.
+  virtual Result<void> AssetLoadedImpl(const Asset& asset, bool updateLinks);
+};
+using AssetRecordLoaderRef = std::shared_ptr<AssetRecordLoader>;
+
 class AssetRepositoryInterface : public std::enable_shared_from_this<AssetRepositoryInterface> {
 public:
   virtual ~AssetRepositoryInterface() = default;
+
+  // The loader of this repository's records: the repository itself when it is one, else null.
+  virtual AssetRecordLoaderRef GetRecordLoader();
 
   // ---- data dictionary ----
   virtual Result<void> SetData(const Id& key, const Data& value) = 0;

@@ -14,6 +14,8 @@ public:
   // The repository to forward to; null when there is none (any longer).
   virtual AssetRepositoryRef PrivateGetDecoratedObject() const = 0;
 
+  // The decorated repository's loader; null without one.
+  AssetRecordLoaderRef GetRecordLoader() override;
   Result<void> SetData(const Id& key, const Data& value) override;
   Data GetData(const Id& key) const override;
   Result<void> EraseData(const Id& key) override;

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <unordered_map>
 #include <vector>
@@ -48,7 +49,9 @@ struct IdData {
   Data adata;              // the back end's record; guarded by versionsLock once published
   VersionsDataRef versions; // guarded by versionsLock
   mutable ARWLock versionsLock;
-  SpinLock storeLock; // held for the whole of a store to this Id
+  // Held for the whole of a store or erase of this Id, file I/O included: a blocking mutex, so
+  // that a second writer sleeps instead of spinning through a slow write.
+  std::mutex storeLock;
 };
 using IdDataRef = std::shared_ptr<IdData>;
 
@@ -64,7 +67,7 @@ struct StoredVersion {
 };
 
 // The storage seam.
-class BaseAssetRepositoryInterface {
+class BaseAssetRepositoryInterface : public AssetRecordLoader {
 public:
   virtual ~BaseAssetRepositoryInterface() = default;
   using IdReceiver = std::function<Result<Data*>(const Id& aid, const Id& type)>;
@@ -86,14 +89,10 @@ public:
   virtual Result<void> EraseImpl(const AssetDescription& asset, const Data& vdata) = 0;
   // Removes what remains of an asset whose last version was erased. True: the Id is gone.
   virtual Result<bool> HandleAssetErasedCompletely(const Id& aid, const Data& adata) = 0;
-  // The value of one metadata entry of a version; empty when there is none.
-  virtual Result<std::optional<Data>> LoadMetaDataImpl(const Data& vdata, const InternedId& metaId,
-                                                       std::uint32_t kind) = 0;
   // Writes one metadata value (urlMode: the file at source) and returns what readers will see.
   virtual Result<Data> StoreMetaDataImpl(const Data& vdata, const InternedId& metaId, const Data& data,
                                          const IdAndVersion& asset, const Url& source, std::uint32_t kind,
                                          bool urlMode) = 0;
-  virtual Result<void> AssetLoadedImpl(const Asset& asset, bool updateLinks);
   virtual bool NeedsLoadVersionsBeforeStore() const { return true; }
   // A version number not used before, with this repository's word.
   virtual Result<VersionNumber> GetNextVersionImpl() = 0;
@@ -139,10 +138,18 @@ public:
 protected:
   BaseAssetRepositoryImpl() = default;
 
-  // The core of the six writers.
-  Result<AssetDescription> StoreCore(const Id& aid, const Asset& asset, const AssetMetaDataRef& metaData,
-                                     bool deleteAsset, bool updateInPlace, const AssetDescription& source,
-                                     bool addEncryption, bool overwrite);
+  // One write of an Id: new content (asset), a copy of another version (source), or the deletion
+  // mark (deleteAsset).
+  struct StoreRequest {
+    Asset asset{};
+    AssetMetaDataRef metaData{}; // entries added to those the content or source brings
+    AssetDescription source{};
+    bool deleteAsset = false;
+    bool addEncryption = false;
+    bool overwrite = false; // replaces the latest version instead of adding one
+  };
+  // The core of StoreAsset, OverwriteAsset, DeleteAsset and CopyAsset.
+  Result<AssetDescription> StoreCore(const Id& aid, const StoreRequest& request);
   Result<void> StoreMetaDataCore(const AssetDescription& asset, const InternedId& metaId, const Data& data,
                                  const Url& source, std::uint32_t kind, bool urlMode);
   // Drops all known Ids and reads them again from the back end (after a rescan).
