@@ -139,15 +139,33 @@ public:
                                         const std::shared_ptr<const AssetBase>& second) const = 0;
 
   // ---- write path ----
+  // The writers below may be called from any thread; writes to one Id run one at a time, writes
+  // to different Ids in parallel. They fail with illegalstate on a read-only repository and with
+  // the back end's io error when it can't write; a failed write leaves the earlier versions as
+  // they were. Observers are told on the writing thread after the write, with no lock held.
+
+  // Stores asset as a new version of aid (version 1 for a new Id), with the asset's metadata and
+  // metaData's entries over it. Fires AssetStored. Returns the new version's description.
   virtual Result<AssetDescription> StoreAsset(const Id& aid, const Asset& asset, const AssetMetaDataRef& metaData) = 0;
+  // As StoreAsset, but replaces the latest version (keeping its number) instead of adding one.
   virtual Result<AssetDescription> OverwriteAsset(const Id& aid, const Asset& asset,
                                                   const AssetMetaDataRef& metaData) = 0;
+  // Stores a deletion mark as the latest version; the earlier versions stay. Fires AssetErased.
+  // Errors: illegalstate when aid is unknown.
   virtual Result<AssetDescription> DeleteAsset(const Id& aid) = 0;
+  // Removes one version for good, and the Id with its last version. Fires AssetErased.
+  // Errors: illegalstate when the version is unknown.
   virtual Result<void> EraseAsset(const AssetDescription& asset) = 0;
+  // Stores a copy of source (content and metadata) as a new version of aid, or over the latest
+  // with overwrite. Errors: illegalstate when source is not valid for this application.
   virtual Result<AssetDescription> CopyAsset(const Id& aid, const AssetDescription& source, bool addEncryption,
                                              bool overwrite) = 0;
+  // Writes one metadata value of asset's version (an empty Data removes it). Fires MetaDataStored;
+  // a plain persistent value also makes the derived values of the version stale.
   virtual Result<void> StoreMetaData(const AssetDescription& asset, const InternedId& metaId, const Data& data,
                                      std::uint32_t kind) = 0;
+  // As StoreMetaData with the file at source as the value; only kinds kept as files accept it
+  // (illegalargument otherwise).
   virtual Result<void> StoreUrlMetaData(const AssetDescription& asset, const InternedId& metaId, const Url& source,
                                         std::uint32_t kind) = 0;
 
