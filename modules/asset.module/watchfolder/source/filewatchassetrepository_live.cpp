@@ -122,10 +122,13 @@ void FileWatchAssetRepositoryImpl::MarkChange(const std::string& relativePath) {
 }
 
 void FileWatchAssetRepositoryImpl::ArmUpdateTimer() {
+  std::lock_guard guard(_timerLock);
+  // A timer that hasn't fired yet covers this change too: its scan takes the pending set when
+  // it runs. So the first change of a burst is rescanned after the short pause, and a change
+  // that comes once the scan has started arms a timer with the pause grown meanwhile.
+  if (_unloadedTimers || (_updateTimer && _updateTimer->IsPending())) return;
   std::weak_ptr<FileWatchAssetRepositoryImpl> weak = _self;
-  // The new timer replaces a pending one, which is cancelled as its handle goes: a rescan
-  // follows the last change after the current pause.
-  std::shared_ptr<Timer> timer = Timer::Create(_updateDelay.load(), [weak]() {
+  _updateTimer = Timer::Create(_updateDelay.load(), [weak]() {
     auto self = weak.lock();
     if (!self) return;
     // Scans run on the default queue; the timer thread only hands over.
@@ -135,13 +138,6 @@ void FileWatchAssetRepositoryImpl::ArmUpdateTimer() {
       return repository->StartScan();
     });
   });
-  std::shared_ptr<Timer> previous;
-  {
-    std::lock_guard guard(_timerLock);
-    previous = std::move(_updateTimer);
-    _updateTimer = timer;
-  }
-  if (previous) previous->Cancel();
 }
 
 void FileWatchAssetRepositoryImpl::StartPeriodicRescans() {
