@@ -109,9 +109,9 @@ TEST_F(StandardRepositoriesTest, RepositoryTypes) {
 
   const Url dir = Url::FromFile((dirs.root / "other").string());
   ASSERT_TRUE(dir.IoCreateDirectory(true).HasValue());
+  // Watch folders come through the factory that their subsystem enters at module start.
   auto watch = AssetInterface::CreateRepositoryFromUrl(Id("x"), repositorytypes::watchfolder, {}, dir, true, false, false);
-  ASSERT_TRUE(watch.HasError());
-  EXPECT_NE(watch.GetError().GetMessage().find("not available"), std::string::npos);
+  ASSERT_TRUE(watch.HasValue()) << watch.GetError().ToString();
   auto unknown = AssetInterface::CreateRepositoryFromUrl(Id("x"), Id("some.type"), {}, dir, true, false, false);
   ASSERT_TRUE(unknown.HasError());
   EXPECT_TRUE(unknown.GetError().Is(errors::illegalargument));
