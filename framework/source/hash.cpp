@@ -1,9 +1,16 @@
 #include "kelvo/hash.h"
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
 namespace kelvo {
+namespace {
+// OpenSSL initialises itself on first use and keeps some state on the thread that did it. When that
+// thread is a job worker still running at exit, the state is never freed; initialising on the main
+// thread at load time lets the library's own exit handler release it.
+[[maybe_unused]] const bool opensslReady = OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CONFIG, nullptr) == 1;
+} // namespace
 
 Sha256::Sha256() : _ctx(EVP_MD_CTX_new()) {
   EVP_DigestInit_ex(static_cast<EVP_MD_CTX*>(_ctx), EVP_sha256(), nullptr);
