@@ -15,7 +15,7 @@ std::string FormatArgs(std::string_view fmt, const std::string* args, std::size_
   return out;
 }
 
-Error::Error(Id errorClass, std::string message, std::source_location location, std::shared_ptr<const Error> cause)
+Error::Error(Id errorClass, std::string message, SourceLocation location, std::shared_ptr<const Error> cause)
     : _rep(std::make_shared<const Rep>(Rep{std::move(errorClass), std::move(message), location, std::move(cause)})) {}
 
 const Id& Error::GetClass() const {
@@ -28,8 +28,8 @@ const std::string& Error::GetMessage() const {
   return _rep ? _rep->message : none;
 }
 
-const std::source_location& Error::GetLocation() const {
-  static const std::source_location none;
+const SourceLocation& Error::GetLocation() const {
+  static const SourceLocation none;
   return _rep ? _rep->location : none;
 }
 
@@ -40,11 +40,11 @@ std::string Error::ToString() const {
   return text;
 }
 
-Error OperationCancelledError(std::source_location loc) {
+Error OperationCancelledError(SourceLocation loc) {
   return Error(errors::OperationCancelledError, "Operation cancelled.", loc);
 }
 
-Error ErrorWithCause(const Error& cause, Id errorClass, std::string message, std::source_location loc) {
+Error ErrorWithCause(const Error& cause, Id errorClass, std::string message, SourceLocation loc) {
   return Error(std::move(errorClass), std::move(message), loc, std::make_shared<const Error>(cause));
 }
 

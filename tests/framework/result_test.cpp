@@ -6,7 +6,7 @@
 using namespace kelvo;
 
 static Result<int> Half(int v) {
-  if (v % 2) return IllegalArgumentError("Odd value @ in @.", v, "Half");
+  if (v % 2) return IllegalArgumentError("Odd value @ in @.", v, "Half"); // the line checked below
   return v / 2;
 }
 
@@ -21,7 +21,9 @@ TEST(Result, ValueErrorAndFormatting) {
   ASSERT_TRUE(r.HasError());
   EXPECT_TRUE(r.GetError().Is(errors::illegalargument));
   EXPECT_EQ(r.GetError().GetMessage(), "Odd value 3 in Half.");
-  EXPECT_GT(r.GetError().GetLocation().line(), 0u);
+  // The location is where the error was made, not inside the error classes.
+  EXPECT_EQ(r.GetError().GetLocation().line, 9u);
+  EXPECT_NE(std::string(r.GetError().GetLocation().file).find("result_test.cpp"), std::string::npos);
   EXPECT_EQ(FormatString("@ and @", 1), "1 and @");
 }
 

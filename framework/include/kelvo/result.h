@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <source_location>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -53,17 +52,29 @@ template <typename... A> std::string FormatString(std::string_view fmt, const A&
   return FormatArgs(fmt, texts, sizeof...(A));
 }
 
+// Where an error was made. Filled by the compiler builtins that both GCC and clang provide
+// (SourceLocation needs a newer clang than Debian's default).
+struct SourceLocation {
+  static constexpr SourceLocation Current(const char* file = __builtin_FILE(), unsigned line = __builtin_LINE(),
+                                          const char* function = __builtin_FUNCTION()) {
+    return SourceLocation{file, line, function};
+  }
+  const char* file = "";
+  unsigned line = 0;
+  const char* function = "";
+};
+
 class Error {
 public:
   Error() = default;
-  Error(Id errorClass, std::string message, std::source_location location = std::source_location::current(),
+  Error(Id errorClass, std::string message, SourceLocation location = SourceLocation::Current(),
         std::shared_ptr<const Error> cause = nullptr);
 
   bool IsSet() const { return _rep != nullptr; }
   explicit operator bool() const { return IsSet(); }
   const Id& GetClass() const;
   const std::string& GetMessage() const;
-  const std::source_location& GetLocation() const;
+  const SourceLocation& GetLocation() const;
   const Error* GetCause() const { return _rep ? _rep->cause.get() : nullptr; }
   bool Is(const Id& errorClass) const { return _rep && _rep->errorClass == errorClass; }
   // Message, then the causes in order, separated by ": ".
@@ -73,7 +84,7 @@ private:
   struct Rep {
     Id errorClass;
     std::string message;
-    std::source_location location;
+    SourceLocation location;
     std::shared_ptr<const Error> cause;
   };
   std::shared_ptr<const Rep> _rep;
@@ -86,7 +97,7 @@ inline std::string ToString(const Error& e) { return e.ToString(); }
 #define KELVO_ERROR_CTOR(name, cls)                                                                \
   template <typename... A> struct name : Error {                                                   \
     name(std::string_view fmt, const A&... args,                                                   \
-         std::source_location loc = std::source_location::current())                               \
+         SourceLocation loc = SourceLocation::Current())                               \
         : Error(cls, FormatString(fmt, args...), loc) {}                                           \
   };                                                                                               \
   template <typename... A> name(std::string_view, const A&...) -> name<A...>;
@@ -102,11 +113,11 @@ KELVO_ERROR_CTOR(IoError, errors::io)
 KELVO_ERROR_CTOR(FileFormatError, errors::fileformat)
 #undef KELVO_ERROR_CTOR
 
-Error OperationCancelledError(std::source_location loc = std::source_location::current());
+Error OperationCancelledError(SourceLocation loc = SourceLocation::Current());
 
 // An error wrapping another as its cause.
 Error ErrorWithCause(const Error& cause, Id errorClass, std::string message,
-                     std::source_location loc = std::source_location::current());
+                     SourceLocation loc = SourceLocation::Current());
 
 template <typename T> class [[nodiscard]] Result {
 public:
