@@ -10,6 +10,8 @@
 #include <set>
 
 #include "asset/standard/assets.h"
+#include "asset/storage/database_asset.h"
+#include "asset/types/keyword_asset.h"
 #include "check_commands.h"
 #include "db_commands.h"
 #include "watch_commands.h"
@@ -23,9 +25,6 @@ using namespace kelvo;
 namespace fs = std::filesystem;
 
 namespace {
-
-const Id kDatabaseTypeId{"net.kelvo.assettype.database"};
-const InternedId kKeywordsMetaId{"net.kelvo.asset.keywords"};
 
 std::string AssetIdToFileName(const std::string& aid) {
   std::string name = aid;
@@ -186,7 +185,7 @@ std::string ValueText(const Data& value) {
     for (const auto& [key, entry] : *strings) {
       const auto* member = entry.GetPtr<DataDictionary>();
       const auto translated =
-          member ? member->Get<std::string>(Id("net.kelvo.description.string.base.translatedstring")) : std::nullopt;
+          member ? member->Get<std::string>(stringkeys::translatedString) : std::nullopt;
       if (!translated) {
         allStrings = false;
         break;
@@ -283,7 +282,7 @@ int CmdAdd(const CommandLine& line, Session& session) {
     if (!keywords.empty()) {
       DataArray ids;
       for (const std::string& k : keywords) ids.push_back(Data(Id(k)));
-      if (auto r = session.repository->StoreMetaData(d, kKeywordsMetaId, Data(std::move(ids)), AssetMetaData::PERSISTENT);
+      if (auto r = session.repository->StoreMetaData(d, keywordids::keywords, Data(std::move(ids)), AssetMetaData::PERSISTENT);
           r.HasError()) {
         progress.Finish();
         return Fail(EXIT_FAILED, "stored " + aid.ToString() + " but can't set its keywords: " + ErrorText(r.GetError()));
@@ -313,7 +312,7 @@ int CmdFind(const CommandLine& line, Session& session) {
 
   std::vector<AssetDescription> found;
   auto r = session.repository->FindAssets(types, aid, Id(), mode, [&](const AssetDescription& d) -> Result<bool> {
-    if (!showInternal && d->GetTypeId() == kDatabaseTypeId) return true;
+    if (!showInternal && d->GetTypeId() == g_databaseAssetTypeId) return true;
     found.push_back(d);
     return true;
   });
@@ -517,7 +516,7 @@ int CmdMount(const CommandLine& line, Session& session) {
   if (auto r = session.repository->AddBase(mounted); r.HasError()) return Fail(EXIT_FAILED, ErrorText(r.GetError()));
   std::size_t count = 0;
   auto r = mounted->FindAssets(TypeArray{}, Id(), Id(), LATEST | WITHOUT_BASES, [&](const AssetDescription& d) -> Result<bool> {
-    if (d->GetTypeId() != kDatabaseTypeId) ++count;
+    if (d->GetTypeId() != g_databaseAssetTypeId) ++count;
     return true;
   });
   if (r.HasError()) return Fail(EXIT_FAILED, ErrorText(r.GetError()));

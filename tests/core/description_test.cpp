@@ -116,21 +116,6 @@ TEST_F(DescriptionTest, LoadCachesOneAssetPerLinkMode) {
   EXPECT_EQ(dynamic_cast<FileAssetInterface&>(**plain).GetUrl(), Url::FromFile("/tmp/stone.png"));
 }
 
-TEST_F(DescriptionTest, ValidityRange) {
-  auto validWith = [](DataArray range) {
-    auto m = std::make_shared<AssetMetaDataImpl>();
-    if (!range.empty()) m->AddEntry(metaids::validversion, AssetMetaData::PERSISTENT, Data(std::move(range)));
-    return IsAssetValid(Describe(m)).GetValueOr(false);
-  };
-  Application::SetVersion(25.5);
-  EXPECT_TRUE(validWith({}));
-  EXPECT_TRUE(validWith({Data(0.0), Data(0.0)}));
-  EXPECT_FALSE(validWith({Data(26.0), Data(0.0)}));
-  EXPECT_TRUE(validWith({Data(25.5), Data(25.5)}));
-  EXPECT_FALSE(validWith({Data(0.0), Data(25.0)}));
-  EXPECT_TRUE(validWith({Data(0.0), Data(26.0)}));
-  EXPECT_TRUE(IsAssetValid(nullptr).GetValueOr(false));
-}
 
 TEST(LanguageMetaDataId, ConcurrentFirstUseAgrees) {
   EXPECT_EQ(StringsOf("de-DE").View(), "strings_de-DE");

@@ -196,21 +196,6 @@ TEST(FileAssetType, ComputesEmptyTagsAndCategoryAsFinal) {
   EXPECT_FALSE(other->value.has_value());
 }
 
-TEST(FileAsset, SetIdReplacesTheUrlOnlyWhenGiven) {
-  Asset asset = FileAssetInterface::Create(Url::FromFile("/a/original"));
-  asset->SetId(IdAndVersion{Id("x"), Id("1")}, 1, nullptr, Url());
-  auto* file = dynamic_cast<FileAssetInterface*>(asset.get());
-  EXPECT_EQ(file->GetUrl(), Url::FromFile("/a/original"));
-  EXPECT_EQ(asset->GetIdAndVersion(), (IdAndVersion{Id("x"), Id("1")}));
-  EXPECT_EQ(asset->GetUpdate(), 1u);
-  asset->SetId(IdAndVersion{Id("x"), Id("2")}, 0, nullptr, Url::FromFile("/a/stored"));
-  EXPECT_EQ(file->GetUrl(), Url::FromFile("/a/stored"));
-
-  Asset copy = asset->Clone();
-  ASSERT_NE(copy, asset);
-  EXPECT_EQ(dynamic_cast<FileAssetInterface*>(copy.get())->GetUrl(), Url::FromFile("/a/stored"));
-  EXPECT_EQ(copy->GetIdAndVersion(), asset->GetIdAndVersion());
-}
 
 } // namespace
 } // namespace kelvo

@@ -33,26 +33,6 @@ protected:
   }
 };
 
-TEST_F(GmlDependenciesTest, NodeTextAndColours) {
-  EXPECT_EQ(RepositoryGmlColor(false, true), 0xffffffu);
-  EXPECT_EQ(RepositoryGmlColor(false, false), 0xeeeeeeu);
-  EXPECT_EQ(RepositoryGmlColor(true, true), 0xff7f7fu);
-  EXPECT_EQ(RepositoryGmlColor(true, false), 0xee6e6eu);
-
-  EXPECT_TRUE(RepositoryGmlAttribs(nullptr).text.empty());
-  EXPECT_FALSE(RepositoryGmlAttribs(nullptr).color.has_value());
-
-  auto repo = MakeRepository("gml.repo", false);
-  ASSERT_TRUE(repo->SetData(repositorykeys::skipinsearch, Data(true)).HasValue());
-  const AssetRepositoryRef ref = repo;
-  const GmlNodeAttribs attribs = RepositoryGmlAttribs(ref);
-  EXPECT_EQ(attribs.color, std::optional<std::uint32_t>(0xee6e6eu));
-  const std::string expected =
-      "Name: " + *ref->GetRepositoryName(Language::GetDefaultLanguage(), false) +
-      "\r\nId: gml.repo\r\nWritable: false, RefCnt: " + std::to_string(ref.use_count()) +
-      "\r\nSkipOnSearch: true\r\nPointer: " + std::to_string(reinterpret_cast<std::uintptr_t>(ref.get()));
-  EXPECT_EQ(attribs.text, expected);
-}
 
 TEST_F(GmlDependenciesTest, WrittenAfterEachPassOnlyWhenSwitchedOn) {
   MakeDatabase(Assets() / "basics", "db.same", {{"a", "basics"}});

@@ -72,23 +72,4 @@ TEST(Application, DirectoriesFromHomeEnvironmentAndHost) {
   }
 }
 
-TEST(Application, TempDirectory) {
-  ScopedEnv unset("KELVO_TEMP_DIR", nullptr);
-  {
-    ScopedEnv tmp("TMPDIR", nullptr);
-    EXPECT_EQ(Application::PrivateGetUrl(APPLICATION_URLTYPE::TEMP_DIR), Url::FromFile("/tmp"));
-  }
-  ScopedEnv tmp("TMPDIR", "/scratch");
-  EXPECT_EQ(Application::PrivateGetUrl(APPLICATION_URLTYPE::TEMP_DIR), Url::FromFile("/scratch"));
-  ScopedEnv own("KELVO_TEMP_DIR", "/own/tmp");
-  EXPECT_EQ(Application::PrivateGetUrl(APPLICATION_URLTYPE::TEMP_DIR), Url::FromFile("/own/tmp"));
-  EXPECT_TRUE(Application::PrivateGetUrl(static_cast<APPLICATION_URLTYPE>(99)).IsEmpty());
-}
 
-TEST(Application, Version) {
-  const double old = Application::GetVersion();
-  EXPECT_GT(old, 0.0);
-  Application::SetVersion(2.5);
-  EXPECT_EQ(Application::GetVersion(), 2.5);
-  Application::SetVersion(old);
-}

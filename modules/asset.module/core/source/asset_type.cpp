@@ -20,11 +20,8 @@ const Id g_fileAssetTypeId{"net.kelvo.assettype.file"};
 
 namespace {
 
-const Id kBuiltinRepositoryId{"net.kelvo.repository.builtin"};
-const InternedId kNodeCategory{"net.kelvo.node.category"};
 const Id kUncategorized{"net.kelvo.assetcategory.uncategorized"};
-const InternedId kTagsMetaId{"net.kelvo.object.base.tags"};
-const InternedId kNodeBaseCategory{"net.kelvo.node.base.category"};
+const InternedId kTagsMetaId{stringkeys::tags};
 
 Url IconUrl(std::string_view name) {
   return Application::PrivateGetUrl(APPLICATION_URLTYPE::CURRENT_MODULE_RESOURCE_DIR).Append("icons").Append(name);
@@ -87,7 +84,7 @@ Result<ComputedMetaData> AssetTypeBase::ComputeMetaData(const AssetRepositoryRef
                                                         const AssetMetaDataRef&, const InternedId& metaId) const {
   // Built-in assets carry no description info of their own, so their node category is the
   // uncategorized one.
-  if (metaId == kNodeCategory && repository && repository->GetId() == kBuiltinRepositoryId)
+  if (metaId == metaids::category && repository && repository->GetId() == repositoryids::builtin)
     return ComputedMetaData{Data(kUncategorized), false};
   return ComputedMetaData{};
 }
@@ -138,7 +135,7 @@ Result<ComputedMetaData> FileAssetType::ComputeMetaData(const AssetRepositoryRef
                                                         const AssetMetaDataRef& meta, const InternedId& metaId) const {
   // Files have neither tags nor a node category; cheap to answer, so never cached.
   if (metaId == kTagsMetaId) return ComputedMetaData{Data(std::string()), true};
-  if (metaId == kNodeBaseCategory) return ComputedMetaData{Data(Id()), true};
+  if (metaId == metaids::baseCategory) return ComputedMetaData{Data(Id()), true};
   return AssetTypeBase::ComputeMetaData(repository, asset, meta, metaId);
 }
 

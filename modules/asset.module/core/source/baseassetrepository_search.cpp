@@ -12,23 +12,6 @@ namespace kelvo {
 
 namespace {
 
-const Id kRenamingsRegistry{"net.kelvo.registry.assetrenamings"};
-const Id kSceneRepository{"net.kelvo.repository.scene"};
-
-using Renaming = std::function<Result<Id>(const Id&)>;
-
-// Applies the registered renamings: the first non-empty result replaces aid.
-Result<Id> ApplyRenamings(const Id& aid) {
-  auto registry = GetRegistry<Renaming>(kRenamingsRegistry);
-  if (registry.HasError()) return registry.GetError();
-  for (const auto& [key, rename] : (*registry)->GetEntries()) {
-    if (!rename) continue;
-    KELVO_ASSIGN_OR_RETURN(Id renamed, rename(aid));
-    if (!renamed.IsEmpty()) return renamed;
-  }
-  return aid;
-}
-
 std::uint64_t SplitMix(std::uint64_t& s) {
   std::uint64_t z = (s ^ (s >> 30)) * 0xbf58476d1ce4e5b9ull;
   z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
@@ -40,6 +23,16 @@ std::uint64_t SplitMix(std::uint64_t& s) {
 bool KeyLess(const VersionEntry& e, const VersionKey& k) { return e.key < k; }
 
 } // namespace
+
+Result<Id> ApplyAssetRenamings(const Id& aid) {
+  KELVO_ASSIGN_OR_RETURN(auto registry, GetRegistry<AssetRenaming>(g_assetRenamingsRegistryId));
+  for (const auto& [key, rename] : registry->GetEntries()) {
+    if (!rename) continue;
+    KELVO_ASSIGN_OR_RETURN(Id renamed, rename(aid));
+    if (!renamed.IsEmpty()) return renamed;
+  }
+  return aid;
+}
 
 std::pair<std::size_t, bool> VersionsData::Find(const VersionKey& key) const {
   auto it = std::lower_bound(entries.begin(), entries.end(), key, KeyLess);
@@ -75,7 +68,7 @@ Result<void> BaseAssetRepositoryImpl::InitImpl(const Id& rid, bool tempRepositor
   _repositoryId = rid;
   KELVO_RETURN_ON_ERROR(ReloadIds());
   if (!tempRepository) {
-    if (rid == kSceneRepository) {
+    if (rid == repositoryids::scene) {
       KELVO_ASSIGN_OR_RETURN(_descriptionDatabaseId, MakeUuid(FormatString("assets.@", rid), false));
     } else {
       _descriptionDatabaseId = Id(FormatString("assets.@", rid));
@@ -168,7 +161,7 @@ Result<bool> BaseAssetRepositoryImpl::PrivateFindAssets(const TypeArray& types, 
                                                         FindState& state) {
   Id aid = aidIn;
   if (!aid.IsEmpty()) {
-    KELVO_ASSIGN_OR_RETURN(aid, ApplyRenamings(aid));
+    KELVO_ASSIGN_OR_RETURN(aid, ApplyAssetRenamings(aid));
   }
   const bool skip = GetData(repositorykeys::skipinsearch).Get<bool>().value_or(false);
   bool searchOwn = !skip;

@@ -34,7 +34,7 @@ Result<std::optional<std::string>> FindTranslatedString(const AssetMetaDataInter
     const Data entryData = dictionary->GetData(key);
     const DataDictionary* entry = entryData.GetPtr<DataDictionary>();
     if (!entry) continue;
-    if (std::optional<std::string> text = entry->Get<std::string>(kTranslatedStringMember)) return text;
+    if (std::optional<std::string> text = entry->Get<std::string>(stringkeys::translatedString)) return text;
   }
   return std::optional<std::string>();
 }
@@ -78,7 +78,7 @@ Result<void> StoreDefaultMetaString(const AssetDescription& description, const I
     DataDictionary entry;
     const Data entryData = strings.GetData(key);
     if (const DataDictionary* e = entryData.GetPtr<DataDictionary>()) entry = *e;
-    entry.SetData(kTranslatedStringMember, value);
+    entry.SetData(stringkeys::translatedString, value);
     updated.SetData(key, Data(std::move(entry)));
   }
   if (current && updated == strings) return {};

@@ -10,8 +10,6 @@
 
 namespace kelvo {
 
-inline const Id kTranslatedStringMember{"net.kelvo.description.string.base.translatedstring"};
-
 // The text of key in language or, failing that, in its fallback languages (the current language
 // when language is null). Nothing when no language has a text. A read error is returned.
 Result<std::optional<std::string>> FindTranslatedString(const AssetMetaDataInterface& meta, const Id& key,

@@ -13,8 +13,6 @@ namespace kelvo {
 
 namespace {
 
-const Id kCategoryTypeId{"net.kelvo.assettype.category"};
-const InternedId kCategoryMetaId{"net.kelvo.node.category"};
 constexpr std::string_view kRoot = "root";
 
 Error NoAssetFound(const Url& url) { return Error(errors::unknown, FormatString("No asset found for Url @.", url)); }
@@ -95,9 +93,9 @@ Result<std::string> UiNameOfAsset(const AssetDescription& asset, std::uint32_t f
   std::unordered_set<Id> seen{asset->GetIdAndVersion().first};
   AssetDescription current = asset;
   for (;;) {
-    KELVO_ASSIGN_OR_RETURN(std::optional<Id> category, current->GetMetaData()->GetValue<Id>(kCategoryMetaId));
+    KELVO_ASSIGN_OR_RETURN(std::optional<Id> category, current->GetMetaData()->GetValue<Id>(metaids::category));
     if (!category || category->IsEmpty() || !seen.insert(*category).second) break;
-    KELVO_ASSIGN_OR_RETURN(AssetDescription parent, repository->FindLatestAsset(kCategoryTypeId, *category, Id(), NONE));
+    KELVO_ASSIGN_OR_RETURN(AssetDescription parent, repository->FindLatestAsset(g_categoryAssetTypeId, *category, Id(), NONE));
     if (!parent) break;
     KELVO_ASSIGN_OR_RETURN(std::string parentName, parent->GetMetaString(stringkeys::name, language, ""));
     if (parentName.empty()) break;
@@ -414,15 +412,15 @@ Result<Url> ResolveAssetDbUrl(const Url& urlIn, const AssetRepositoryRef& reposi
   const LanguageRef language = Language::GetCurrentLanguage();
   AssetDescription match;
   KELVO_RETURN_ON_ERROR(repository->FindAssets(
-      TypeArray{kCategoryTypeId, g_fileAssetTypeId}, Id(), Id(), LATEST, [&](const AssetDescription& d) -> Result<bool> {
+      TypeArray{g_categoryAssetTypeId, g_fileAssetTypeId}, Id(), Id(), LATEST, [&](const AssetDescription& d) -> Result<bool> {
         KELVO_ASSIGN_OR_RETURN(std::string name, d->GetMetaString(stringkeys::name, language, ""));
         if (Lower(name) != components.back()) return true;
         AssetDescription current = d;
         std::unordered_set<Id> seen{d->GetIdAndVersion().first};
         for (std::size_t i = components.size() - 1; i-- > 0;) {
-          KELVO_ASSIGN_OR_RETURN(std::optional<Id> category, current->GetMetaData()->GetValue<Id>(kCategoryMetaId));
+          KELVO_ASSIGN_OR_RETURN(std::optional<Id> category, current->GetMetaData()->GetValue<Id>(metaids::category));
           if (!category || category->IsEmpty() || !seen.insert(*category).second) return true;
-          KELVO_ASSIGN_OR_RETURN(current, repository->FindLatestAsset(kCategoryTypeId, *category, Id(), NONE));
+          KELVO_ASSIGN_OR_RETURN(current, repository->FindLatestAsset(g_categoryAssetTypeId, *category, Id(), NONE));
           if (!current) return true;
           KELVO_ASSIGN_OR_RETURN(std::string parentName, current->GetMetaString(stringkeys::name, language, ""));
           if (Lower(parentName) != components[i]) return true;

@@ -14,19 +14,6 @@ namespace {
 
 constexpr const char* kBuiltinName = "Built-in";
 
-using Renaming = std::function<Result<Id>(const Id&)>;
-
-// Applies the registered renamings: the first non-empty result replaces aid.
-Result<Id> ApplyAssetRenamings(const Id& aid) {
-  KELVO_ASSIGN_OR_RETURN(auto registry, GetRegistry<Renaming>(Id("net.kelvo.registry.assetrenamings")));
-  for (const auto& [key, rename] : registry->GetEntries()) {
-    if (!rename) continue;
-    KELVO_ASSIGN_OR_RETURN(Id renamed, rename(aid));
-    if (!renamed.IsEmpty()) return renamed;
-  }
-  return aid;
-}
-
 Result<AssetDescription> Unsupported(const char* what) {
   return UnsupportedOperationError("The built-in repository can't @.", what);
 }

@@ -20,14 +20,10 @@
 
 namespace kelvo {
 
-const Id g_databaseRepositoryType{"net.kelvo.assets.repositorytype.database"};
 
 namespace {
 
 const Id kUrlAssetDataType{"net.kelvo.asset.urlassetdata"};
-const Id kOriginUrlKey{"net.kelvo.url.originurl"};
-const Id kUserPrefsRepositoryId{"net.kelvo.repository.userprefs"};
-const Id kSceneRepositoryId{"net.kelvo.repository.scene"};
 
 bool IsHexVersionId(std::string_view s) {
   return s.size() == HASH_LEN && s.find_first_not_of("0123456789abcdef") == std::string_view::npos;
@@ -181,7 +177,7 @@ Result<void> UrlAssetRepositoryImpl::EnsureDatabaseAsset() {
   const Id rid = GetId();
   const Id aid = DataBaseAssetInterface::GetDatabaseAssetId(rid);
   ASSET_FIND_MODE mode = LATEST;
-  if (rid != kUserPrefsRepositoryId && rid != kSceneRepositoryId) mode = mode | WITHOUT_BASES;
+  if (rid != repositoryids::userprefs && rid != repositoryids::scene) mode = mode | WITHOUT_BASES;
   bool found = false;
   KELVO_RETURN_ON_ERROR(FindAssets(TypeArray{g_databaseAssetTypeId}, aid, Id(), mode,
                                    [&found](const AssetDescription&) -> Result<bool> {
@@ -195,7 +191,7 @@ Result<void> UrlAssetRepositoryImpl::EnsureDatabaseAsset() {
 
 Url UrlAssetRepositoryImpl::GetUrl(bool getOrigin) const {
   if (getOrigin) {
-    if (auto origin = _url.GetData(kOriginUrlKey).Get<Url>(); origin && !origin->IsEmpty()) return *origin;
+    if (auto origin = _url.GetData(g_originUrlKey).Get<Url>(); origin && !origin->IsEmpty()) return *origin;
   }
   return _url;
 }
@@ -211,7 +207,7 @@ Result<std::string> UrlAssetRepositoryImpl::GetRepositoryName(const LanguageRef&
   }
   std::string fallback;
   if (_custom) {
-    const auto origin = _url.GetData(kOriginUrlKey).Get<Url>();
+    const auto origin = _url.GetData(g_originUrlKey).Get<Url>();
     if (origin && !origin->IsEmpty()) {
       fallback = origin->GetName();
       if (addDetails && (origin->GetScheme() == "http" || origin->GetScheme() == "https")) {
@@ -229,7 +225,7 @@ Result<std::string> UrlAssetRepositoryImpl::GetRepositoryName(const LanguageRef&
 }
 
 Result<void> UrlAssetRepositoryImpl::SetRepositoryName(const std::string& name, const LanguageRef& language) {
-  if (GetId() == kSceneRepositoryId) {
+  if (GetId() == repositoryids::scene) {
     std::lock_guard guard(_nameLock);
     _name = name;
     return {};

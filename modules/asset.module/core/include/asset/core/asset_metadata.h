@@ -59,6 +59,9 @@ inline const InternedId subtype{"net.kelvo.asset.subtype"};
 inline const InternedId size{"net.kelvo.asset.size"};
 inline const InternedId previewimageurl{"net.kelvo.asset.previewimageurl"};
 inline const InternedId previewanimurl{"net.kelvo.asset.previewanimurl"};
+// The category an asset belongs to (an Id of a category asset) and the category its type suggests.
+inline const InternedId category{"net.kelvo.node.category"};
+inline const InternedId baseCategory{"net.kelvo.node.base.category"};
 } // namespace metaids
 
 // One entry of a metadata table. data is empty until loaded.

@@ -39,6 +39,26 @@ using RepositoryArray = std::vector<AssetRepositoryRef>;
 using RepositoryArrayRef = std::shared_ptr<const RepositoryArray>;
 using TypeArray = std::vector<Id>;
 
+// Ids of the standard repositories and of the repository types, known to every layer.
+namespace repositoryids {
+inline const Id builtin{"net.kelvo.repository.builtin"};
+inline const Id application{"net.kelvo.repository.application"};
+inline const Id userprefs{"net.kelvo.repository.userprefs"};
+inline const Id scene{"net.kelvo.repository.scene"};
+} // namespace repositoryids
+
+namespace repositorytypes {
+inline const Id database{"net.kelvo.assets.repositorytype.database"};
+inline const Id watchfolder{"net.kelvo.assets.repositorytype.watchfolder"};
+} // namespace repositorytypes
+
+// Renamed assets: the registry "net.kelvo.registry.assetrenamings" holds functions from an old asset
+// Id to its new Id (an empty Id when they don't rename it). A search for an Id applies them first.
+using AssetRenaming = std::function<Result<Id>(const Id&)>;
+inline const Id g_assetRenamingsRegistryId{"net.kelvo.registry.assetrenamings"};
+// The Id after the registered renamings: the first non-empty result, else aid. Any thread.
+Result<Id> ApplyAssetRenamings(const Id& aid);
+
 // Gets each match of a search; false stops the search without an error.
 using AssetReceiver = std::function<Result<bool>(const AssetDescription&)>;
 // With PRIVATE_QUERY_REPOSITORY_VISIBILITY: asked once per repository before its own content is

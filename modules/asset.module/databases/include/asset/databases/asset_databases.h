@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "asset/core/assetrepository.h"
+#include "asset/storage/urlassetrepository.h"
 #include "kelvo/background_progress.h"
 #include "kelvo/config.h"
 #include "kelvo/data.h"
@@ -44,7 +45,7 @@ inline const Id userpaths{"net.kelvo.appsettings.assets.userpaths"};
 // URL data: the Id of the repository type (net.kelvo.registry.assetrepositorytypes) to mount with.
 inline const Id assetdatabasetype{"net.kelvo.url.assetdatabasetype"};
 // URL data: the URL that a derived URL (a zip wrapper) stands for.
-inline const Id originurl{"net.kelvo.url.originurl"};
+inline const Id& originurl = g_originUrlKey;
 // Repository data: whether the database is exported when a project is saved.
 inline const Id exportonsaveproject{"net.kelvo.assetrepository.exportonsaveproject"};
 } // namespace assetdatabasekeys

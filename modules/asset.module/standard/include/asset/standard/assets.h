@@ -46,16 +46,7 @@ bool PrivateStandardRepositoriesStarted();
 
 // ---- repository types and Ids ----------------------------------------------------------------
 
-namespace repositoryids {
-inline const Id builtin{"net.kelvo.repository.builtin"};
-inline const Id application{"net.kelvo.repository.application"};
-inline const Id userprefs{"net.kelvo.repository.userprefs"};
-} // namespace repositoryids
-
-namespace repositorytypes {
-inline const Id database{"net.kelvo.assets.repositorytype.database"};
-inline const Id watchfolder{"net.kelvo.assets.repositorytype.watchfolder"};
-} // namespace repositorytypes
+// repositoryids and repositorytypes are in asset/core/assetrepository.h.
 
 // Opens a repository of one type: the arguments of CreateRepositoryFromUrl without the type.
 // A subsystem above this layer fills it in when it starts; no repository (null, no error) means

@@ -14,7 +14,8 @@
 
 namespace kelvo {
 
-extern const Id g_databaseRepositoryType; // "net.kelvo.assets.repositorytype.database"
+// URL data: the URL that a derived URL (a zip wrapper) stands for.
+inline const Id g_originUrlKey{"net.kelvo.url.originurl"};
 
 class UrlAssetRepositoryInterface {
 public:
