@@ -51,6 +51,42 @@ Result<std::shared_ptr<SqlDatabase>> OpenChecked(const Url& file) {
   return db;
 }
 
+// The newest schema version entered in the store; nothing for a store without one.
+Result<std::optional<std::int64_t>> ReadSchemaVersion(SqlDatabase& db) {
+  std::optional<std::int64_t> found;
+  bool hasTable = false;
+  KELVO_RETURN_ON_ERROR(db.ExecuteSQLQuery("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'schema';", {},
+                                           [&](const SqlStatement&) -> Result<bool> {
+                                             hasTable = true;
+                                             return false;
+                                           }));
+  if (!hasTable) return found;
+  KELVO_RETURN_ON_ERROR(db.ExecuteSQLQuery("SELECT MAX(version) FROM schema;", {},
+                                           [&](const SqlStatement& row) -> Result<bool> {
+                                             if (row.GetColumnType(0) != SQLTYPE::NULLVALUE) found = row.GetInt64(0);
+                                             return false;
+                                           }));
+  return found;
+}
+
+// A store written by a newer version is refused before anything opens it for writing: a
+// read-write open would switch its journal mode and enter tables, and the newer version's data
+// must stay as it is. Files that aren't readable databases pass here and are dealt with later.
+Result<void> RefuseNewerStore(const Url& file) {
+  if (file.IoDetect() != IODETECT::FILE) return {};
+  SqlDatabase::Options options;
+  options.create = false;
+  options.readOnly = true;
+  options.wal = false;
+  Result<std::shared_ptr<SqlDatabase>> db = SqlDatabase::Open(file, options);
+  if (db.HasError()) return {};
+  Result<std::optional<std::int64_t>> version = ReadSchemaVersion(**db);
+  if (version.HasError() || !*version || **version <= kWatchFolderSchemaVersion) return {};
+  return IllegalStateError("The watch folder store @ was written by a newer version (schema @, this version reads "
+                           "up to @); it is left as it is.",
+                           file.GetPath(), **version, kWatchFolderSchemaVersion);
+}
+
 // The outcome of a statement whose changes don't matter to the caller.
 Result<void> Done(const Result<SqlChanges>& r) {
   if (r.HasError()) return r.GetError();
@@ -61,6 +97,7 @@ Result<void> Done(const Result<SqlChanges>& r) {
 
 Result<std::unique_ptr<WatchFolderStore>> WatchFolderStore::Open(const Url& file) {
   KELVO_RETURN_ON_ERROR(file.GetDirectory().IoCreateDirectory(true));
+  KELVO_RETURN_ON_ERROR(RefuseNewerStore(file));
   Result<std::shared_ptr<SqlDatabase>> db = OpenChecked(file);
   if (db.HasError() && db.GetError().Is(errors::fileformat)) {
     KELVO_RETURN_ON_ERROR(MoveAside(file, db.GetError()));
@@ -79,12 +116,7 @@ Result<std::unique_ptr<WatchFolderStore>> WatchFolderStore::Open(const Url& file
 Result<void> WatchFolderStore::SetupSchema() {
   KELVO_RETURN_ON_ERROR(_db->Exec("CREATE TABLE IF NOT EXISTS schema (version INTEGER PRIMARY KEY NOT NULL, "
                                   "date DATETIME NOT NULL);"));
-  std::optional<std::int64_t> found;
-  KELVO_RETURN_ON_ERROR(_db->ExecuteSQLQuery("SELECT MAX(version), date FROM schema;", {},
-                                             [&](const SqlStatement& row) -> Result<bool> {
-                                               if (row.GetColumnType(0) != SQLTYPE::NULLVALUE) found = row.GetInt64(0);
-                                               return false;
-                                             }));
+  KELVO_ASSIGN_OR_RETURN(std::optional<std::int64_t> found, ReadSchemaVersion(*_db));
   const auto writeVersion = [&]() {
     return Done(_db->ExecuteSQLQuery("INSERT INTO schema VALUES(?, ?);",
                                 {SqlValue(kWatchFolderSchemaVersion), SqlValue(UniversalDateTime::GetNow())}));
