@@ -21,10 +21,10 @@ const Id g_fileAssetTypeId{"net.kelvo.assettype.file"};
 namespace {
 
 const Id kBuiltinRepositoryId{"net.kelvo.repository.builtin"};
-const InternedId kNodeCategory{"net.kelvo.node.category"};
+const InternedId& kNodeCategory = metaids::category;
 const Id kUncategorized{"net.kelvo.assetcategory.uncategorized"};
 const InternedId kTagsMetaId{"net.kelvo.object.base.tags"};
-const InternedId kNodeBaseCategory{"net.kelvo.node.base.category"};
+const InternedId& kNodeBaseCategory = metaids::baseCategory;
 
 Url IconUrl(std::string_view name) {
   return Application::PrivateGetUrl(APPLICATION_URLTYPE::CURRENT_MODULE_RESOURCE_DIR).Append("icons").Append(name);

@@ -10,16 +10,17 @@
 
 namespace kelvo {
 
+const Id g_assetRenamingsRegistryId{"net.kelvo.registry.assetrenamings"};
+
 namespace {
 
-const Id kRenamingsRegistry{"net.kelvo.registry.assetrenamings"};
 const Id kSceneRepository{"net.kelvo.repository.scene"};
 
 using Renaming = std::function<Result<Id>(const Id&)>;
 
 // Applies the registered renamings: the first non-empty result replaces aid.
 Result<Id> ApplyRenamings(const Id& aid) {
-  auto registry = GetRegistry<Renaming>(kRenamingsRegistry);
+  auto registry = GetRegistry<Renaming>(g_assetRenamingsRegistryId);
   if (registry.HasError()) return registry.GetError();
   for (const auto& [key, rename] : (*registry)->GetEntries()) {
     if (!rename) continue;

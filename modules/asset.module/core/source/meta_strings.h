@@ -10,7 +10,7 @@
 
 namespace kelvo {
 
-inline const Id kTranslatedStringMember{"net.kelvo.description.string.base.translatedstring"};
+inline const Id& kTranslatedStringMember = stringkeys::translatedString;
 
 // The text of key in language or, failing that, in its fallback languages (the current language
 // when language is null). Nothing when no language has a text. A read error is returned.

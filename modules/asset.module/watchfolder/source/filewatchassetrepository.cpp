@@ -26,11 +26,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-const Id kAssetCount{"net.kelvo.assetrepository.assetcount"};
-const Id kCategoryCount{"net.kelvo.assetrepository.categorycount"};
-const Id kAssetSize{"net.kelvo.assetrepository.assetsize"};
-const Id kTranslatedString{"net.kelvo.description.string.base.translatedstring"};
-const InternedId kCategoryMetaId{"net.kelvo.node.category"};
 const Id kVersionId{"1"};
 
 std::string Elapsed(Clock::time_point start) {
@@ -520,7 +515,7 @@ Result<AssetDescription> FileWatchAssetRepositoryImpl::BuildDescription(const Wa
     KELVO_ASSIGN_OR_RETURN(name, GetRepositoryName(Language::GetDefaultLanguage(), false));
   }
   DataDictionary text;
-  text.SetData(kTranslatedString, Data(name));
+  text.SetData(stringkeys::translatedString, Data(name));
   DataDictionary strings;
   strings.SetData(stringkeys::name, Data(std::move(text)));
   MetaEntryMap entries;
@@ -529,7 +524,7 @@ Result<AssetDescription> FileWatchAssetRepositoryImpl::BuildDescription(const Wa
   constexpr std::uint32_t kBuiltin = AssetMetaData::READ_ONLY | AssetMetaData::PERSISTENT | AssetMetaData::VERSION;
   entries[metaids::size] = MetaEntry{Data(e.size), kBuiltin, true, 0};
   entries[metaids::timestamp] = MetaEntry{Data(e.modified), kBuiltin, true, 0};
-  entries[kCategoryMetaId] = MetaEntry{Data(e.category), AssetMetaData::PERSISTENT, true, 0};
+  entries[metaids::category] = MetaEntry{Data(e.category), AssetMetaData::PERSISTENT, true, 0};
   KELVO_RETURN_ON_ERROR(MergeStoredKeys(*_store, e.urlHash, _ids->repositoryId, entries));
   if (e.IsDirectory() && !entries.count(metaids::previewimageurl))
     entries[metaids::previewimageurl] = MetaEntry{Data(_iconUrl), AssetMetaData::NONE, true, 0};
@@ -542,7 +537,7 @@ Result<AssetDescription> FileWatchAssetRepositoryImpl::BuildDescription(const Wa
 }
 
 Data FileWatchAssetRepositoryImpl::GetData(const Id& key) const {
-  if (key == kAssetCount || key == kCategoryCount || key == kAssetSize) {
+  if (key == watchfolderkeys::assetcount || key == watchfolderkeys::categorycount || key == watchfolderkeys::assetsize) {
     std::uint64_t assets = 0, categories = 0, size = 0;
     ReadLocker guard(_assetsLock);
     for (const auto& [aid, node] : _assets) {
@@ -553,7 +548,7 @@ Data FileWatchAssetRepositoryImpl::GetData(const Id& key) const {
         size += node->entry.size;
       }
     }
-    return Data(key == kAssetCount ? assets : key == kCategoryCount ? categories : size);
+    return Data(key == watchfolderkeys::assetcount ? assets : key == watchfolderkeys::categorycount ? categories : size);
   }
   return RepositoryBaseClass::GetData(key);
 }

@@ -16,7 +16,6 @@
 
 namespace kelvo {
 
-inline const Id g_categoryAssetTypeId{"net.kelvo.assettype.category"};
 // The parent of a watch folder's root category.
 inline const Id g_watchRootParentCategory{"category@5846c0689c0248cfa54bffed866571ce"};
 

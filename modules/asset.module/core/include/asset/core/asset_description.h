@@ -50,6 +50,8 @@ class IdAndVersionSet;       // assets.h
 namespace stringkeys {
 inline const Id name{"net.kelvo.object.base.name"};
 inline const Id tags{"net.kelvo.object.base.tags"};
+// The member of a translated string entry that holds the text.
+inline const Id translatedString{"net.kelvo.description.string.base.translatedstring"};
 } // namespace stringkeys
 
 // The light handle of one stored version. Immutable after construction except for the cached
@@ -255,6 +257,9 @@ AssetType FindAssetType(const Id& typeId);
 // ---- file assets ---------------------------------------------------------------------------
 
 extern const Id g_fileAssetTypeId;
+// The type of category assets, which the core and the layers above it name before the type is
+// registered.
+inline const Id g_categoryAssetTypeId{"net.kelvo.assettype.category"};
 
 class FileAssetInterface : public AssetBaseImpl {
 public:

@@ -59,6 +59,10 @@ inline const InternedId subtype{"net.kelvo.asset.subtype"};
 inline const InternedId size{"net.kelvo.asset.size"};
 inline const InternedId previewimageurl{"net.kelvo.asset.previewimageurl"};
 inline const InternedId previewanimurl{"net.kelvo.asset.previewanimurl"};
+// The parent category of an asset (an Id, kind PERSISTENT; empty or missing: top level).
+inline const InternedId category{"net.kelvo.node.category"};
+// The category a type gives its assets without a category of their own.
+inline const InternedId baseCategory{"net.kelvo.node.base.category"};
 } // namespace metaids
 
 // One entry of a metadata table. data is empty until loaded.
