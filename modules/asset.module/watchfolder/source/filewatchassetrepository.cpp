@@ -91,12 +91,23 @@ std::string Parent(const std::string& path) {
 
 struct FileWatchAssetRepositoryImpl::ScanContext {
   NodeMap tree;
-  WatchListing newListing;
   void Add(const WatchFolderIds& ids, const WatchFileEntry& entry) {
-    newListing.emplace(static_cast<std::int64_t>(entry.urlHash), RowOf(entry));
     tree[ids.AssetId(entry.directory, entry.name)] = std::make_shared<WatchAssetNode>(entry);
   }
 };
+
+namespace {
+
+// The store's rows of a listing.
+WatchListing ListingOf(const std::vector<WatchAssetNodeRef>& nodes) {
+  WatchListing listing;
+  listing.reserve(nodes.size());
+  for (const WatchAssetNodeRef& node : nodes)
+    listing.emplace(static_cast<std::int64_t>(node->entry.urlHash), RowOf(node->entry));
+  return listing;
+}
+
+} // namespace
 
 FileWatchAssetRepositoryImpl::FileWatchAssetRepositoryImpl() = default;
 
@@ -222,12 +233,14 @@ Result<void> FileWatchAssetRepositoryImpl::ScanJob() {
   if (!oldListing.empty() && GetNodeCount() < 2) {
     // Early publication: a known folder shows its assets before the disk has been walked.
     NodeMap tree;
+    tree.reserve(oldListing.size());
     for (const auto& [assetid, row] : oldListing) {
       WatchFileEntry entry = EntryOfRow(row, *_ids);
       Id aid = _ids->AssetId(entry.directory, entry.name);
       tree[aid] = std::make_shared<WatchAssetNode>(std::move(entry));
     }
     ApplyScanResult(std::move(tree), true);
+    if (g_assetDiagnostic) DiagnosticOutput("  WatchFolder listing of the store shown: @", Elapsed(start));
     {
       std::lock_guard guard(_scanLock);
       _listingPublished = true;
@@ -252,6 +265,7 @@ Result<void> FileWatchAssetRepositoryImpl::ScanJob() {
 
   const Clock::time_point walkStart = Clock::now();
   ScanContext context;
+  context.tree.reserve(oldListing.size());
   Result<void> walked = (pending.empty() || full || GetNodeCount() < 2) ? ScanFolder(context)
                                                                           : RescanPending(context, pending);
   if (walked.HasError()) {
@@ -259,19 +273,31 @@ Result<void> FileWatchAssetRepositoryImpl::ScanJob() {
     return walked.GetError();
   }
   if (g_assetDiagnostic) DiagnosticOutput("  WatchFolder ScanFolder time: @", Elapsed(walkStart));
-  if (Result<WatchListingWriteCounts> written = _store->WriteListing(oldListing, context.newListing);
+  // The listing is shown as soon as the walk is done; the store follows. Should writing it fail,
+  // the marked changes stay for the next scan, which writes the differences to what the store holds.
+  std::vector<WatchAssetNodeRef> nodes;
+  nodes.reserve(context.tree.size());
+  for (const auto& [aid, node] : context.tree) nodes.push_back(node);
+  ApplyScanResult(std::move(context.tree), false);
+  {
+    std::lock_guard guard(_scanLock);
+    _listingPublished = true;
+  }
+  _scanChanged.notify_all();
+  if (Result<WatchListingWriteCounts> written = _store->WriteListing(oldListing, ListingOf(nodes));
       written.HasError()) {
     restorePending();
     return written.GetError();
   }
-  ApplyScanResult(std::move(context.tree), false);
   ++_scanCount;
   if (g_assetDiagnostic) DiagnosticOutput("Watchfolder total reload time: @ '@'", Elapsed(start), _folderUrl);
   return {};
 }
 
 Result<void> FileWatchAssetRepositoryImpl::ScanFolder(ScanContext& context) {
+  const Clock::time_point start = Clock::now();
   KELVO_RETURN_ON_ERROR(RegisterRootMonitor());
+  if (g_assetDiagnostic) DiagnosticOutput("  WatchFolder watches set: @", Elapsed(start));
   context.Add(*_ids, RootEntry());
   return WalkFolder(
       _folderPath, "", *_ids,
@@ -354,12 +380,15 @@ Result<void> FileWatchAssetRepositoryImpl::RescanPending(ScanContext& context, c
       for (const Id& child : c->second)
         if (!seen.count(child)) removeSubtree(child);
   }
-  for (const auto& [aid, node] : context.tree)
-    context.newListing.emplace(static_cast<std::int64_t>(node->entry.urlHash), RowOf(node->entry));
   return {};
 }
 
 void FileWatchAssetRepositoryImpl::ApplyScanResult(NodeMap tree, bool early) {
+  WatchFolderChangeReceiver receiver;
+  if (!early) {
+    std::lock_guard guard(_receiverLock);
+    receiver = _changeReceiver;
+  }
   WatchFolderChanges changes;
   bool wholeNew = false;
   {
@@ -381,9 +410,11 @@ void FileWatchAssetRepositoryImpl::ApplyScanResult(NodeMap tree, bool early) {
         changes.changed.push_back(current->entry.RelativePath());
       }
     }
-    for (const auto& [aid, node] : tree)
-      if (wholeNew || !_assets.count(aid))
-        if (!node->entry.IsRoot()) changes.added.push_back(node->entry.RelativePath());
+    // A whole new listing is told as such; its paths are listed only for those who read them.
+    if (!wholeNew || receiver || g_assetDiagnostic)
+      for (const auto& [aid, node] : tree)
+        if (wholeNew || !_assets.count(aid))
+          if (!node->entry.IsRoot()) changes.added.push_back(node->entry.RelativePath());
   }
   if (!wholeNew && changes.added.empty() && changes.changed.empty() && changes.removed.empty()) {
     // Only fresh nodes for marked ones: swap them in quietly.
@@ -403,12 +434,6 @@ void FileWatchAssetRepositoryImpl::ApplyScanResult(NodeMap tree, bool early) {
   if (!changes.changed.empty()) HandleAssetUpdated(nullptr);
   if (wholeNew || !changes.added.empty()) HandleAssetStored(nullptr);
   if (!changes.removed.empty()) HandleAssetErased(nullptr);
-  if (early) return;
-  WatchFolderChangeReceiver receiver;
-  {
-    std::lock_guard guard(_receiverLock);
-    receiver = _changeReceiver;
-  }
   if (receiver) receiver(changes);
 }
 

@@ -57,7 +57,7 @@ Result<DirectoryListing> ListDirectory(const std::string& rootPath, const std::s
     WatchFileEntry entry;
     entry.name = name;
     entry.directory = relativeDir;
-    entry.urlHash = RelativeUrlHash(JoinRelative(relativeDir, entry.name));
+    entry.urlHash = RelativeUrlHash(relativeDir, entry.name);
     entry.assetType = isDir ? g_categoryAssetTypeId : g_fileAssetTypeId;
     entry.size = isDir ? 0 : static_cast<std::uint64_t>(st.st_size);
     entry.modified = ModifiedTime(st);

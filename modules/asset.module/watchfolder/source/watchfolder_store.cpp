@@ -1,5 +1,6 @@
 #include "watchfolder_store.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include "asset/core/asset_config.h"
@@ -26,6 +27,9 @@ constexpr const char* kCreateTables =
     "FROM metadata INNER JOIN attributes USING (attributeid);"
     "CREATE TABLE IF NOT EXISTS directory (assetid INTEGER PRIMARY KEY UNIQUE, url STRING UNIQUE, size INTEGER, "
     "modified DATETIME, isdir BOOLEAN);";
+
+// Listing writes of more rows than this get a larger page cache while they run.
+constexpr std::size_t kLargeWriteRows = 5000;
 
 // Every version has exactly one version of each asset.
 constexpr std::int64_t kVersionId = 1;
@@ -146,6 +150,11 @@ Result<void> WatchFolderStore::SetupSchema() {
 
 Result<WatchListing> WatchFolderStore::ReadListing(bool cancellable) {
   WatchListing listing;
+  // Sized once: a large listing would otherwise be rehashed a dozen times while it is read.
+  KELVO_RETURN_ON_ERROR(_db->ExecuteSQLQuery("SELECT COUNT(*) FROM directory;", {}, [&](const SqlStatement& row) -> Result<bool> {
+    listing.reserve(static_cast<std::size_t>(std::max<std::int64_t>(0, row.GetInt64(0))));
+    return false;
+  }));
   KELVO_RETURN_ON_ERROR(_db->ExecuteSQLQuery(
       "SELECT assetid, url, size, modified, isdir FROM directory;", {}, [&](const SqlStatement& row) -> Result<bool> {
         if (cancellable && IsCurrentJobCancelled()) return OperationCancelledError();
@@ -179,16 +188,32 @@ Result<WatchListingWriteCounts> WatchFolderStore::WriteListing(const WatchListin
     KELVO_RETURN_ON_ERROR(_db->ExecuteSQLQuery("DELETE FROM metadata WHERE assetid = ?;", {SqlValue(assetid)}));
     ++counts.deleted;
   }
+  // Rows go in in key order, so that the table grows at its end instead of splitting pages all
+  // over the file.
+  std::vector<const WatchListingRow*> rows;
   for (const auto& [assetid, row] : newListing) {
     auto old = oldListing.find(assetid);
-    if (old != oldListing.end() && old->second == row) continue;
+    if (old == oldListing.end() || !(old->second == row)) rows.push_back(&row);
+  }
+  std::sort(rows.begin(), rows.end(), [](const auto* a, const auto* b) { return a->assetid < b->assetid; });
+  // A large write (a first scan) gets a page cache that holds the table and its index, so that
+  // SQLite doesn't spill pages to the journal in the middle of the transaction; the memory is
+  // handed back afterwards.
+  const bool large = rows.size() > kLargeWriteRows;
+  if (large) KELVO_RETURN_ON_ERROR(_db->Exec("PRAGMA cache_size=-65536;"));
+  for (const WatchListingRow* row : rows) {
     KELVO_RETURN_ON_ERROR(open());
-    KELVO_RETURN_ON_ERROR(_db->ExecuteSQLQuery(
-        "INSERT OR REPLACE INTO directory VALUES(?, ?, ?, ?, ?);",
-        {SqlValue(assetid), SqlValue(row.url), SqlValue(row.size), SqlValue(row.modified), SqlValue(row.isdir)}));
+    KELVO_RETURN_ON_ERROR(_db->ExecuteSQLQuery("INSERT OR REPLACE INTO directory VALUES(?, ?, ?, ?, ?);",
+                                               {SqlValue(row->assetid), SqlValue(row->url), SqlValue(row->size),
+                                                SqlValue(row->modified), SqlValue(row->isdir)}));
     ++counts.written;
   }
-  if (transaction) KELVO_RETURN_ON_ERROR(transaction->Commit());
+  Result<void> committed = transaction ? transaction->Commit() : Result<void>();
+  if (large) {
+    (void)_db->Exec("PRAGMA cache_size=-2000;");
+    (void)_db->Exec("PRAGMA shrink_memory;");
+  }
+  KELVO_RETURN_ON_ERROR(committed);
   if (g_assetDiagnostic)
     DiagnosticOutput("  WatchFolder writing fileinfo to sqlite: @ written, @ deleted, @", counts.written,
                      counts.deleted, Elapsed(start));
