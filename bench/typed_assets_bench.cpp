@@ -18,6 +18,7 @@
 #include "asset/types/category_asset.h"
 #include "asset/types/category_tree.h"
 #include "asset/types/keyword_asset.h"
+#include "bench_util.h"
 #include "kelvo/application.h"
 #include "text_asset.h"
 
@@ -26,14 +27,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double Seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
-
-std::size_t EnvNumber(const char* name, std::size_t fallback) {
-  const char* v = std::getenv(name);
-  return v && *v ? static_cast<std::size_t>(std::strtoull(v, nullptr, 10)) : fallback;
-}
+using namespace kelvo::bench;
 
 struct BenchDirectory {
   BenchDirectory() : root(fs::path("/tmp") / ("kelvo_types_bench_" + std::to_string(::getpid()))) {
@@ -89,26 +83,23 @@ void BM_TagAssets(benchmark::State& state) {
   double tagTotal = 0, plainTotal = 0, tagNoUsageTotal = 0;
   int runs = 0;
   for (auto _ : state) {
-    auto start = Clock::now();
-    for (const AssetDescription& d : assets) {
-      auto tagged = KeywordAssetInterface::AddKeyword(d, Id("wood"), false, true);
-      if (tagged.HasError() || !*tagged) {
-        state.SkipWithError("tagging failed");
-        return;
+    // Tags every asset; its time, negative when a tag failed.
+    const auto tagAll = [&](bool updateUsage) {
+      const auto start = Clock::now();
+      for (const AssetDescription& d : assets) {
+        auto tagged = KeywordAssetInterface::AddKeyword(d, Id("wood"), false, updateUsage);
+        if (tagged.HasError() || !*tagged) return -1.0;
       }
-    }
-    const double tagTime = Seconds(start);
+      return Seconds(start);
+    };
+    const double tagTime = tagAll(true);
     for (const AssetDescription& d : assets) (void)KeywordAssetInterface::RemoveKeyword(d, Id("wood"), false);
-    start = Clock::now();
-    for (const AssetDescription& d : assets) {
-      auto tagged = KeywordAssetInterface::AddKeyword(d, Id("wood"), false, false);
-      if (tagged.HasError() || !*tagged) {
-        state.SkipWithError("tagging without usage failed");
-        return;
-      }
+    const double tagNoUsageTime = tagAll(false);
+    if (tagTime < 0 || tagNoUsageTime < 0) {
+      state.SkipWithError("tagging failed");
+      return;
     }
-    const double tagNoUsageTime = Seconds(start);
-    start = Clock::now();
+    auto start = Clock::now();
     for (const AssetDescription& d : assets) {
       if (repo->StoreMetaData(d, plainId, Data(DataArray{Data(Id("wood"))}), AssetMetaData::PERSISTENT).HasError()) {
         state.SkipWithError("plain store failed");

@@ -20,6 +20,7 @@
 #include <fstream>
 
 #include "asset/watchfolder/filewatchassetrepository.h"
+#include "bench_util.h"
 #include "kelvo/application.h"
 
 using namespace kelvo;
@@ -27,22 +28,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double Seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
-
-std::size_t EnvNumber(const char* name, std::size_t fallback) {
-  const char* v = std::getenv(name);
-  return v && *v ? static_cast<std::size_t>(std::strtoull(v, nullptr, 10)) : fallback;
-}
-
-// CPU seconds (user and system) of this process, or of its finished children.
-double CpuSeconds(int who) {
-  rusage u{};
-  ::getrusage(who, &u);
-  return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
-         static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
-}
+using namespace kelvo::bench;
 
 // The resident set of this process in bytes, after handing freed heap back to the system.
 double ResidentBytes() {
