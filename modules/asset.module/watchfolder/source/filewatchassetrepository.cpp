@@ -91,8 +91,9 @@ std::string Parent(const std::string& path) {
 
 struct FileWatchAssetRepositoryImpl::ScanContext {
   NodeMap tree;
-  void Add(const WatchFolderIds& ids, const WatchFileEntry& entry) {
-    tree[ids.AssetId(entry.directory, entry.name)] = std::make_shared<WatchAssetNode>(entry);
+  void Add(const WatchFolderIds& ids, WatchFileEntry&& entry) {
+    Id aid = ids.AssetId(entry.directory, entry.name);
+    tree.insert_or_assign(std::move(aid), std::make_shared<WatchAssetNode>(std::move(entry)));
   }
 };
 
@@ -301,8 +302,8 @@ Result<void> FileWatchAssetRepositoryImpl::ScanFolder(ScanContext& context) {
   context.Add(*_ids, RootEntry());
   return WalkFolder(
       _folderPath, "", *_ids,
-      [&](const WatchFileEntry& entry) -> Result<void> {
-        context.Add(*_ids, entry);
+      [&](WatchFileEntry&& entry) -> Result<void> {
+        context.Add(*_ids, std::move(entry));
         return {};
       },
       true);
@@ -365,8 +366,8 @@ Result<void> FileWatchAssetRepositoryImpl::RescanPending(ScanContext& context, c
         if (entry.IsDirectory()) {
           KELVO_RETURN_ON_ERROR(WalkFolder(
               _folderPath, entry.RelativePath(), *_ids,
-              [&](const WatchFileEntry& e) -> Result<void> {
-                context.tree[_ids->AssetId(e.directory, e.name)] = std::make_shared<WatchAssetNode>(e);
+              [&](WatchFileEntry&& e) -> Result<void> {
+                context.Add(*_ids, std::move(e));
                 return {};
               },
               true));
