@@ -47,8 +47,8 @@ std::string StateText(const Url& url) {
     if (!state.mounted) return "not mounted" + (state.error.empty() ? std::string() : ": " + state.error);
     auto repository = AssetDataBases::FindRepository(url);
     if (repository.HasError() || !*repository) return "mounted";
-    const auto files = (*repository)->GetData(Id("net.kelvo.assetrepository.assetcount")).Get<std::uint64_t>();
-    const auto folders = (*repository)->GetData(Id("net.kelvo.assetrepository.categorycount")).Get<std::uint64_t>();
+    const auto files = (*repository)->GetData(watchfolderkeys::assetcount).Get<std::uint64_t>();
+    const auto folders = (*repository)->GetData(watchfolderkeys::categorycount).Get<std::uint64_t>();
     std::string text = FormatString("mounted as @: @ files, @ folders", state.repositoryId, files.value_or(0),
                                     folders.value_or(1) - 1);
     if ((*repository)->GetData(watchfolderkeys::watchlimitreached).Get<bool>().value_or(false))

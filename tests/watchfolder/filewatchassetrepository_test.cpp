@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "asset/standard/assets.h"
+#include "watch_entry.h"
 #include "watchfolder_test_util.h"
 
 namespace kelvo::test {
@@ -69,6 +70,15 @@ TEST_F(WatchFolderTest, ScanListsFilesAsAssetsAndDirectoriesAsCategoriesAndSkips
   EXPECT_FALSE(repo->GetStoreUrl().GetPath().starts_with(_folder.string()));
   repo.reset();
   EXPECT_EQ(Snapshot(_folder), before);
+}
+
+// The keys of the store's rows are hashes of relative paths: the scanner hashes directory and
+// name without joining them, and must reach the key that the joined path has.
+TEST(WatchEntryHash, HashingDirectoryAndNameEqualsHashingTheJoinedPath) {
+  for (const auto& [directory, name] : std::vector<std::pair<std::string, std::string>>{
+           {"", ""}, {"", "a.png"}, {"a", ""}, {"a", "b.png"}, {"x/y z", "\xff\xfe.bin"}})
+    EXPECT_EQ(RelativeUrlHash(directory, name), RelativeUrlHash(JoinRelative(directory, name))) << directory << "|" << name;
+  EXPECT_NE(RelativeUrlHash("a", "b"), RelativeUrlHash("ab"));
 }
 
 TEST_F(WatchFolderTest, AnEmptyFolderHasOnlyItsRootAndAMissingOneFails) {

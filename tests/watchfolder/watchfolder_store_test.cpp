@@ -87,13 +87,15 @@ TEST_F(WatchFolderStoreTest, OlderSchemasMigrateAndANewerOneIsRefusedUntouched) 
     ASSERT_TRUE(store.HasValue()) << store.GetError().ToString();
     EXPECT_FALSE((*store)->ReadValue(1, "k.meta")->has_value());
   }
-  // A newer version: refused with a clear error, the file left byte for byte.
-  RawSql(StoreFile(), "INSERT INTO schema VALUES(7, 0);");
+  // A newer version, in the rollback journal mode that a writing open would switch to WAL:
+  // refused with a clear error, the file left byte for byte and no journal made beside it.
+  RawSql(StoreFile(), "PRAGMA journal_mode=DELETE; INSERT INTO schema VALUES(7, 0);");
   const std::string bytes = ReadFile(StoreFile());
   auto newer = OpenStore();
   ASSERT_TRUE(newer.HasError());
   EXPECT_NE(newer.GetError().ToString().find("newer version"), std::string::npos) << newer.GetError().ToString();
   EXPECT_EQ(ReadFile(StoreFile()), bytes);
+  EXPECT_FALSE(fs::exists(StoreFile().string() + "-wal"));
 }
 
 TEST_F(WatchFolderStoreTest, DamagedOrTruncatedStoreIsMovedAsideAndRebuilt) {

@@ -71,7 +71,7 @@ protected:
       if (url.HasError()) return url.GetError();
       std::string path = url->GetPath();
       path = path.size() > prefix.size() ? path.substr(prefix.size() + 1) : std::string();
-      listing[path] = d->GetTypeId() == Id("net.kelvo.assettype.category") ? "d" : "f";
+      listing[path] = d->GetTypeId() == g_categoryAssetTypeId ? "d" : "f";
       return true;
     });
     EXPECT_TRUE(r.HasValue()) << (r.HasError() ? r.GetError().ToString() : "");

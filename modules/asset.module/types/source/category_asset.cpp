@@ -20,10 +20,7 @@ Result<AssetDescription> FindCategory(const AssetRepositoryRef& repository, cons
 
 } // namespace
 
-const Id& CategoryAssetInterface::TypeId() {
-  static const Id id{"net.kelvo.assettype.category"};
-  return id;
-}
+const Id& CategoryAssetInterface::TypeId() { return g_categoryAssetTypeId; }
 
 Asset CategoryAssetInterface::Create() { return CreateTypedAsset<CategoryAssetInterface>(); }
 

@@ -5,13 +5,12 @@
 #include <algorithm>
 #include <unordered_map>
 
+#include "asset/storage/database_asset.h"
 #include "asset/types/category_asset.h"
 
 namespace kelvo {
 
 namespace {
-
-const Id kDatabaseType{"net.kelvo.assettype.database"};
 
 struct IdHash {
   std::size_t operator()(const Id& id) const noexcept { return id.GetHashCode(); }
@@ -46,7 +45,7 @@ Result<CategoryTree> BuildCategoryTree(const AssetRepositoryRef& repository, con
       TypeArray{}, Id(), Id(), LATEST | CHECK_CANCELLATION, [&](const AssetDescription& d) -> Result<bool> {
         KELVO_ASSIGN_OR_RETURN(Id parent, CategoryAssetInterface::GetParentCategory(d));
         // The repository's own information asset isn't shown anywhere as an asset.
-        if (d->GetTypeId() == kDatabaseType) return true;
+        if (d->GetTypeId() == g_databaseAssetTypeId) return true;
         if (d->GetTypeId() == CategoryAssetInterface::TypeId()) {
           KELVO_ASSIGN_OR_RETURN(std::string name, d->GetMetaString(stringkeys::name, language, std::string()));
           tree.nodes.push_back(CategoryNode{d->GetIdAndVersion().first, std::move(name), parent, {}, 0, 0});

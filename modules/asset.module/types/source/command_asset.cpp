@@ -8,6 +8,7 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "asset/types/marker_assets.h"
 #include "asset/types/metadata_asset_type.h"
 
 namespace kelvo {
@@ -232,7 +233,7 @@ Result<std::string> CommandAssetInterface::GetCommandTypeName(const Id& commandT
                                                               const AssetRepositoryRef& repository) {
   if (!repository) return commandType.ToString();
   KELVO_ASSIGN_OR_RETURN(AssetDescription subtype,
-                         repository->FindLatestAsset(Id("net.kelvo.assettype.subtype"), commandType, Id(), NONE));
+                         repository->FindLatestAsset(SubTypeAssetInterface::TypeId(), commandType, Id(), NONE));
   if (!subtype) return commandType.ToString();
   KELVO_ASSIGN_OR_RETURN(std::string name, subtype->GetMetaString(stringkeys::name, nullptr, std::string()));
   return name.empty() || name == commandType.ToString() ? commandType.ToString() : name;

@@ -4,12 +4,14 @@
 
 #include <mutex>
 
+#include "asset/types/asset_type_enum_list.h"
 #include "asset/types/category_asset.h"
 #include "asset/types/color_category_asset.h"
 #include "asset/types/command_asset.h"
 #include "asset/types/keyword_asset.h"
 #include "asset/types/marker_assets.h"
 #include "asset/types/metadata_asset_type.h"
+#include "asset/types/preset_data_types.h"
 #include "asset/types/smart_search_asset.h"
 #include "kelvo/registry.h"
 
@@ -24,8 +26,6 @@ MetadataAssetTypeInfo InfoOf(const char* dataType, const char* what, const char*
       [](const AssetInterface& asset) { return dynamic_cast<const Interface*>(&asset) != nullptr; },
       [] { return Asset(std::make_shared<TypedAssetImpl<Interface>>()); }};
 }
-
-using Renaming = std::function<Result<Id>(const Id&)>;
 
 Result<void> RegisterAll() {
   std::shared_ptr<AssetTypeRegistry> registry = GetAssetTypeRegistry();
@@ -47,9 +47,11 @@ Result<void> RegisterAll() {
   };
   for (const MetadataAssetTypeInfo& info : infos)
     registry->InsertEntry(info.typeId, std::make_shared<MetadataAssetType>(info));
-  KELVO_ASSIGN_OR_RETURN(auto renamings, GetRegistry<Renaming>(Id("net.kelvo.registry.assetrenamings")));
-  renamings->InsertEntry(Id("net.kelvo.asset.renaming.plugin"), Renaming(&PluginAssetInterface::RenamePluginAsset));
-  return {};
+  KELVO_ASSIGN_OR_RETURN(auto renamings, GetRegistry<AssetRenaming>(g_assetRenamingsRegistryId));
+  renamings->InsertEntry(Id("net.kelvo.asset.renaming.plugin"), AssetRenaming(&PluginAssetInterface::RenamePluginAsset));
+  KELVO_ASSIGN_OR_RETURN(auto enumLists, GetProcessEnumListRegistry());
+  enumLists->InsertEntry(g_assetTypeEnumListId, ProcessEnumListDelegate(&ProcessAssetTypeEnumList));
+  return RegisterPresetDataTypes();
 }
 
 } // namespace

@@ -26,11 +26,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-const Id kAssetCount{"net.kelvo.assetrepository.assetcount"};
-const Id kCategoryCount{"net.kelvo.assetrepository.categorycount"};
-const Id kAssetSize{"net.kelvo.assetrepository.assetsize"};
-const Id kTranslatedString{"net.kelvo.description.string.base.translatedstring"};
-const InternedId kCategoryMetaId{"net.kelvo.node.category"};
 const Id kVersionId{"1"};
 
 std::string Elapsed(Clock::time_point start) {
@@ -96,12 +91,24 @@ std::string Parent(const std::string& path) {
 
 struct FileWatchAssetRepositoryImpl::ScanContext {
   NodeMap tree;
-  WatchListing newListing;
-  void Add(const WatchFolderIds& ids, const WatchFileEntry& entry) {
-    newListing.emplace(static_cast<std::int64_t>(entry.urlHash), RowOf(entry));
-    tree[ids.AssetId(entry.directory, entry.name)] = std::make_shared<WatchAssetNode>(entry);
+  void Add(const WatchFolderIds& ids, WatchFileEntry&& entry) {
+    Id aid = ids.AssetId(entry.directory, entry.name);
+    tree.insert_or_assign(std::move(aid), std::make_shared<WatchAssetNode>(std::move(entry)));
   }
 };
+
+namespace {
+
+// The store's rows of a listing.
+WatchListing ListingOf(const std::vector<WatchAssetNodeRef>& nodes) {
+  WatchListing listing;
+  listing.reserve(nodes.size());
+  for (const WatchAssetNodeRef& node : nodes)
+    listing.emplace(static_cast<std::int64_t>(node->entry.urlHash), RowOf(node->entry));
+  return listing;
+}
+
+} // namespace
 
 FileWatchAssetRepositoryImpl::FileWatchAssetRepositoryImpl() = default;
 
@@ -227,12 +234,14 @@ Result<void> FileWatchAssetRepositoryImpl::ScanJob() {
   if (!oldListing.empty() && GetNodeCount() < 2) {
     // Early publication: a known folder shows its assets before the disk has been walked.
     NodeMap tree;
+    tree.reserve(oldListing.size());
     for (const auto& [assetid, row] : oldListing) {
       WatchFileEntry entry = EntryOfRow(row, *_ids);
       Id aid = _ids->AssetId(entry.directory, entry.name);
       tree[aid] = std::make_shared<WatchAssetNode>(std::move(entry));
     }
     ApplyScanResult(std::move(tree), true);
+    if (g_assetDiagnostic) DiagnosticOutput("  WatchFolder listing of the store shown: @", Elapsed(start));
     {
       std::lock_guard guard(_scanLock);
       _listingPublished = true;
@@ -257,6 +266,7 @@ Result<void> FileWatchAssetRepositoryImpl::ScanJob() {
 
   const Clock::time_point walkStart = Clock::now();
   ScanContext context;
+  context.tree.reserve(oldListing.size());
   Result<void> walked = (pending.empty() || full || GetNodeCount() < 2) ? ScanFolder(context)
                                                                           : RescanPending(context, pending);
   if (walked.HasError()) {
@@ -264,24 +274,36 @@ Result<void> FileWatchAssetRepositoryImpl::ScanJob() {
     return walked.GetError();
   }
   if (g_assetDiagnostic) DiagnosticOutput("  WatchFolder ScanFolder time: @", Elapsed(walkStart));
-  if (Result<WatchListingWriteCounts> written = _store->WriteListing(oldListing, context.newListing);
+  // The listing is shown as soon as the walk is done; the store follows. Should writing it fail,
+  // the marked changes stay for the next scan, which writes the differences to what the store holds.
+  std::vector<WatchAssetNodeRef> nodes;
+  nodes.reserve(context.tree.size());
+  for (const auto& [aid, node] : context.tree) nodes.push_back(node);
+  ApplyScanResult(std::move(context.tree), false);
+  {
+    std::lock_guard guard(_scanLock);
+    _listingPublished = true;
+  }
+  _scanChanged.notify_all();
+  if (Result<WatchListingWriteCounts> written = _store->WriteListing(oldListing, ListingOf(nodes));
       written.HasError()) {
     restorePending();
     return written.GetError();
   }
-  ApplyScanResult(std::move(context.tree), false);
   ++_scanCount;
   if (g_assetDiagnostic) DiagnosticOutput("Watchfolder total reload time: @ '@'", Elapsed(start), _folderUrl);
   return {};
 }
 
 Result<void> FileWatchAssetRepositoryImpl::ScanFolder(ScanContext& context) {
+  const Clock::time_point start = Clock::now();
   KELVO_RETURN_ON_ERROR(RegisterRootMonitor());
+  if (g_assetDiagnostic) DiagnosticOutput("  WatchFolder watches set: @", Elapsed(start));
   context.Add(*_ids, RootEntry());
   return WalkFolder(
       _folderPath, "", *_ids,
-      [&](const WatchFileEntry& entry) -> Result<void> {
-        context.Add(*_ids, entry);
+      [&](WatchFileEntry&& entry) -> Result<void> {
+        context.Add(*_ids, std::move(entry));
         return {};
       },
       true);
@@ -344,8 +366,8 @@ Result<void> FileWatchAssetRepositoryImpl::RescanPending(ScanContext& context, c
         if (entry.IsDirectory()) {
           KELVO_RETURN_ON_ERROR(WalkFolder(
               _folderPath, entry.RelativePath(), *_ids,
-              [&](const WatchFileEntry& e) -> Result<void> {
-                context.tree[_ids->AssetId(e.directory, e.name)] = std::make_shared<WatchAssetNode>(e);
+              [&](WatchFileEntry&& e) -> Result<void> {
+                context.Add(*_ids, std::move(e));
                 return {};
               },
               true));
@@ -359,12 +381,15 @@ Result<void> FileWatchAssetRepositoryImpl::RescanPending(ScanContext& context, c
       for (const Id& child : c->second)
         if (!seen.count(child)) removeSubtree(child);
   }
-  for (const auto& [aid, node] : context.tree)
-    context.newListing.emplace(static_cast<std::int64_t>(node->entry.urlHash), RowOf(node->entry));
   return {};
 }
 
 void FileWatchAssetRepositoryImpl::ApplyScanResult(NodeMap tree, bool early) {
+  WatchFolderChangeReceiver receiver;
+  if (!early) {
+    std::lock_guard guard(_receiverLock);
+    receiver = _changeReceiver;
+  }
   WatchFolderChanges changes;
   bool wholeNew = false;
   {
@@ -386,9 +411,11 @@ void FileWatchAssetRepositoryImpl::ApplyScanResult(NodeMap tree, bool early) {
         changes.changed.push_back(current->entry.RelativePath());
       }
     }
-    for (const auto& [aid, node] : tree)
-      if (wholeNew || !_assets.count(aid))
-        if (!node->entry.IsRoot()) changes.added.push_back(node->entry.RelativePath());
+    // A whole new listing is told as such; its paths are listed only for those who read them.
+    if (!wholeNew || receiver || g_assetDiagnostic)
+      for (const auto& [aid, node] : tree)
+        if (wholeNew || !_assets.count(aid))
+          if (!node->entry.IsRoot()) changes.added.push_back(node->entry.RelativePath());
   }
   if (!wholeNew && changes.added.empty() && changes.changed.empty() && changes.removed.empty()) {
     // Only fresh nodes for marked ones: swap them in quietly.
@@ -408,12 +435,6 @@ void FileWatchAssetRepositoryImpl::ApplyScanResult(NodeMap tree, bool early) {
   if (!changes.changed.empty()) HandleAssetUpdated(nullptr);
   if (wholeNew || !changes.added.empty()) HandleAssetStored(nullptr);
   if (!changes.removed.empty()) HandleAssetErased(nullptr);
-  if (early) return;
-  WatchFolderChangeReceiver receiver;
-  {
-    std::lock_guard guard(_receiverLock);
-    receiver = _changeReceiver;
-  }
   if (receiver) receiver(changes);
 }
 
@@ -520,7 +541,7 @@ Result<AssetDescription> FileWatchAssetRepositoryImpl::BuildDescription(const Wa
     KELVO_ASSIGN_OR_RETURN(name, GetRepositoryName(Language::GetDefaultLanguage(), false));
   }
   DataDictionary text;
-  text.SetData(kTranslatedString, Data(name));
+  text.SetData(stringkeys::translatedString, Data(name));
   DataDictionary strings;
   strings.SetData(stringkeys::name, Data(std::move(text)));
   MetaEntryMap entries;
@@ -529,7 +550,7 @@ Result<AssetDescription> FileWatchAssetRepositoryImpl::BuildDescription(const Wa
   constexpr std::uint32_t kBuiltin = AssetMetaData::READ_ONLY | AssetMetaData::PERSISTENT | AssetMetaData::VERSION;
   entries[metaids::size] = MetaEntry{Data(e.size), kBuiltin, true, 0};
   entries[metaids::timestamp] = MetaEntry{Data(e.modified), kBuiltin, true, 0};
-  entries[kCategoryMetaId] = MetaEntry{Data(e.category), AssetMetaData::PERSISTENT, true, 0};
+  entries[metaids::category] = MetaEntry{Data(e.category), AssetMetaData::PERSISTENT, true, 0};
   KELVO_RETURN_ON_ERROR(MergeStoredKeys(*_store, e.urlHash, _ids->repositoryId, entries));
   if (e.IsDirectory() && !entries.count(metaids::previewimageurl))
     entries[metaids::previewimageurl] = MetaEntry{Data(_iconUrl), AssetMetaData::NONE, true, 0};
@@ -542,7 +563,7 @@ Result<AssetDescription> FileWatchAssetRepositoryImpl::BuildDescription(const Wa
 }
 
 Data FileWatchAssetRepositoryImpl::GetData(const Id& key) const {
-  if (key == kAssetCount || key == kCategoryCount || key == kAssetSize) {
+  if (key == watchfolderkeys::assetcount || key == watchfolderkeys::categorycount || key == watchfolderkeys::assetsize) {
     std::uint64_t assets = 0, categories = 0, size = 0;
     ReadLocker guard(_assetsLock);
     for (const auto& [aid, node] : _assets) {
@@ -553,7 +574,7 @@ Data FileWatchAssetRepositoryImpl::GetData(const Id& key) const {
         size += node->entry.size;
       }
     }
-    return Data(key == kAssetCount ? assets : key == kCategoryCount ? categories : size);
+    return Data(key == watchfolderkeys::assetcount ? assets : key == watchfolderkeys::categorycount ? categories : size);
   }
   return RepositoryBaseClass::GetData(key);
 }

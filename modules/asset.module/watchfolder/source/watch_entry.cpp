@@ -2,8 +2,8 @@
 
 namespace kelvo {
 
-std::uint64_t HashText(std::string_view text) {
-  std::uint64_t h = 0xcbf29ce484222325ull;
+std::uint64_t HashText(std::string_view text, std::uint64_t seed) {
+  std::uint64_t h = seed;
   for (unsigned char c : text) {
     h ^= c;
     h *= 0x100000001b3ull;

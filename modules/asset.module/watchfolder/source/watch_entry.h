@@ -21,7 +21,10 @@ inline const Id g_watchRootParentCategory{"category@5846c0689c0248cfa54bffed8665
 
 // 64-bit hashes: a stable text hash (FNV-1a, the same in every process), folded with the core's
 // FoldHash (asset_identity.h), and the combination of two.
-std::uint64_t HashText(std::string_view text);
+// FNV-1a runs over its input byte by byte, so hashing "ab" equals hashing "b" from the hash of
+// "a": seed continues a hash without joining the texts first.
+inline constexpr std::uint64_t kHashTextSeed = 0xcbf29ce484222325ull;
+std::uint64_t HashText(std::string_view text, std::uint64_t seed = kHashTextSeed);
 inline std::uint64_t CombineHashes(std::uint64_t first, std::uint64_t second) {
   return second + first * 0xbf58476d1ce4e5b9ull + 1;
 }
@@ -30,7 +33,12 @@ inline std::uint64_t CombineHashes(std::uint64_t first, std::uint64_t second) {
 std::string JoinRelative(std::string_view directory, std::string_view name);
 // The hash of an entry's relative URL: the key of its rows in the store.
 inline std::uint64_t RelativeUrlHash(std::string_view relativePath) {
-  return HashText(std::string("relative:///") + std::string(relativePath));
+  return HashText(relativePath, HashText("relative:///"));
+}
+// RelativeUrlHash(JoinRelative(directory, name)), without building the path.
+inline std::uint64_t RelativeUrlHash(std::string_view directory, std::string_view name) {
+  if (directory.empty() || name.empty()) return RelativeUrlHash(directory.empty() ? name : directory);
+  return HashText(name, HashText("/", HashText(directory, HashText("relative:///"))));
 }
 // The hash in the asset id of the entry `name` in `directory`.
 inline std::uint64_t EntryHash(std::string_view directory, std::string_view name) {

@@ -57,7 +57,7 @@ Result<DirectoryListing> ListDirectory(const std::string& rootPath, const std::s
     WatchFileEntry entry;
     entry.name = name;
     entry.directory = relativeDir;
-    entry.urlHash = RelativeUrlHash(JoinRelative(relativeDir, entry.name));
+    entry.urlHash = RelativeUrlHash(relativeDir, entry.name);
     entry.assetType = isDir ? g_categoryAssetTypeId : g_fileAssetTypeId;
     entry.size = isDir ? 0 : static_cast<std::uint64_t>(st.st_size);
     entry.modified = ModifiedTime(st);
@@ -86,9 +86,9 @@ Result<void> WalkFolder(const std::string& rootPath, const std::string& relative
     }
     top = false;
     const std::size_t firstChild = pending.size();
-    for (const WatchFileEntry& entry : listing->entries) {
-      KELVO_RETURN_ON_ERROR(receiver(entry));
+    for (WatchFileEntry& entry : listing->entries) {
       if (entry.IsDirectory()) pending.push_back(entry.RelativePath());
+      KELVO_RETURN_ON_ERROR(receiver(std::move(entry)));
     }
     // Keep the directory's own order for its sub-directories.
     std::reverse(pending.begin() + static_cast<std::ptrdiff_t>(firstChild), pending.end());

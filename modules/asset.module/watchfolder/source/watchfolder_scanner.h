@@ -23,7 +23,7 @@ struct DirectoryListing {
 Result<DirectoryListing> ListDirectory(const std::string& rootPath, const std::string& relativeDir,
                                        const WatchFolderIds& ids);
 
-using WatchEntryReceiver = std::function<Result<void>(const WatchFileEntry& entry)>;
+using WatchEntryReceiver = std::function<Result<void>(WatchFileEntry&& entry)>;
 
 // Hands every entry below relativeDir to receiver: the entries of a directory first, then those
 // of each of its sub-directories. A sub-directory that can't be read is logged and left out,

@@ -1,5 +1,6 @@
 #include "watchfolder_store.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include "asset/core/asset_config.h"
@@ -27,6 +28,9 @@ constexpr const char* kCreateTables =
     "CREATE TABLE IF NOT EXISTS directory (assetid INTEGER PRIMARY KEY UNIQUE, url STRING UNIQUE, size INTEGER, "
     "modified DATETIME, isdir BOOLEAN);";
 
+// Listing writes of more rows than this get a larger page cache while they run.
+constexpr std::size_t kLargeWriteRows = 5000;
+
 // Every version has exactly one version of each asset.
 constexpr std::int64_t kVersionId = 1;
 
@@ -51,6 +55,42 @@ Result<std::shared_ptr<SqlDatabase>> OpenChecked(const Url& file) {
   return db;
 }
 
+// The newest schema version entered in the store; nothing for a store without one.
+Result<std::optional<std::int64_t>> ReadSchemaVersion(SqlDatabase& db) {
+  std::optional<std::int64_t> found;
+  bool hasTable = false;
+  KELVO_RETURN_ON_ERROR(db.ExecuteSQLQuery("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'schema';", {},
+                                           [&](const SqlStatement&) -> Result<bool> {
+                                             hasTable = true;
+                                             return false;
+                                           }));
+  if (!hasTable) return found;
+  KELVO_RETURN_ON_ERROR(db.ExecuteSQLQuery("SELECT MAX(version) FROM schema;", {},
+                                           [&](const SqlStatement& row) -> Result<bool> {
+                                             if (row.GetColumnType(0) != SQLTYPE::NULLVALUE) found = row.GetInt64(0);
+                                             return false;
+                                           }));
+  return found;
+}
+
+// A store written by a newer version is refused before anything opens it for writing: a
+// read-write open would switch its journal mode and enter tables, and the newer version's data
+// must stay as it is. Files that aren't readable databases pass here and are dealt with later.
+Result<void> RefuseNewerStore(const Url& file) {
+  if (file.IoDetect() != IODETECT::FILE) return {};
+  SqlDatabase::Options options;
+  options.create = false;
+  options.readOnly = true;
+  options.wal = false;
+  Result<std::shared_ptr<SqlDatabase>> db = SqlDatabase::Open(file, options);
+  if (db.HasError()) return {};
+  Result<std::optional<std::int64_t>> version = ReadSchemaVersion(**db);
+  if (version.HasError() || !*version || **version <= kWatchFolderSchemaVersion) return {};
+  return IllegalStateError("The watch folder store @ was written by a newer version (schema @, this version reads "
+                           "up to @); it is left as it is.",
+                           file.GetPath(), **version, kWatchFolderSchemaVersion);
+}
+
 // The outcome of a statement whose changes don't matter to the caller.
 Result<void> Done(const Result<SqlChanges>& r) {
   if (r.HasError()) return r.GetError();
@@ -61,6 +101,7 @@ Result<void> Done(const Result<SqlChanges>& r) {
 
 Result<std::unique_ptr<WatchFolderStore>> WatchFolderStore::Open(const Url& file) {
   KELVO_RETURN_ON_ERROR(file.GetDirectory().IoCreateDirectory(true));
+  KELVO_RETURN_ON_ERROR(RefuseNewerStore(file));
   Result<std::shared_ptr<SqlDatabase>> db = OpenChecked(file);
   if (db.HasError() && db.GetError().Is(errors::fileformat)) {
     KELVO_RETURN_ON_ERROR(MoveAside(file, db.GetError()));
@@ -79,12 +120,7 @@ Result<std::unique_ptr<WatchFolderStore>> WatchFolderStore::Open(const Url& file
 Result<void> WatchFolderStore::SetupSchema() {
   KELVO_RETURN_ON_ERROR(_db->Exec("CREATE TABLE IF NOT EXISTS schema (version INTEGER PRIMARY KEY NOT NULL, "
                                   "date DATETIME NOT NULL);"));
-  std::optional<std::int64_t> found;
-  KELVO_RETURN_ON_ERROR(_db->ExecuteSQLQuery("SELECT MAX(version), date FROM schema;", {},
-                                             [&](const SqlStatement& row) -> Result<bool> {
-                                               if (row.GetColumnType(0) != SQLTYPE::NULLVALUE) found = row.GetInt64(0);
-                                               return false;
-                                             }));
+  KELVO_ASSIGN_OR_RETURN(std::optional<std::int64_t> found, ReadSchemaVersion(*_db));
   const auto writeVersion = [&]() {
     return Done(_db->ExecuteSQLQuery("INSERT INTO schema VALUES(?, ?);",
                                 {SqlValue(kWatchFolderSchemaVersion), SqlValue(UniversalDateTime::GetNow())}));
@@ -114,6 +150,11 @@ Result<void> WatchFolderStore::SetupSchema() {
 
 Result<WatchListing> WatchFolderStore::ReadListing(bool cancellable) {
   WatchListing listing;
+  // Sized once: a large listing would otherwise be rehashed a dozen times while it is read.
+  KELVO_RETURN_ON_ERROR(_db->ExecuteSQLQuery("SELECT COUNT(*) FROM directory;", {}, [&](const SqlStatement& row) -> Result<bool> {
+    listing.reserve(static_cast<std::size_t>(std::max<std::int64_t>(0, row.GetInt64(0))));
+    return false;
+  }));
   KELVO_RETURN_ON_ERROR(_db->ExecuteSQLQuery(
       "SELECT assetid, url, size, modified, isdir FROM directory;", {}, [&](const SqlStatement& row) -> Result<bool> {
         if (cancellable && IsCurrentJobCancelled()) return OperationCancelledError();
@@ -147,16 +188,32 @@ Result<WatchListingWriteCounts> WatchFolderStore::WriteListing(const WatchListin
     KELVO_RETURN_ON_ERROR(_db->ExecuteSQLQuery("DELETE FROM metadata WHERE assetid = ?;", {SqlValue(assetid)}));
     ++counts.deleted;
   }
+  // Rows go in in key order, so that the table grows at its end instead of splitting pages all
+  // over the file.
+  std::vector<const WatchListingRow*> rows;
   for (const auto& [assetid, row] : newListing) {
     auto old = oldListing.find(assetid);
-    if (old != oldListing.end() && old->second == row) continue;
+    if (old == oldListing.end() || !(old->second == row)) rows.push_back(&row);
+  }
+  std::sort(rows.begin(), rows.end(), [](const auto* a, const auto* b) { return a->assetid < b->assetid; });
+  // A large write (a first scan) gets a page cache that holds the table and its index, so that
+  // SQLite doesn't spill pages to the journal in the middle of the transaction; the memory is
+  // handed back afterwards.
+  const bool large = rows.size() > kLargeWriteRows;
+  if (large) KELVO_RETURN_ON_ERROR(_db->Exec("PRAGMA cache_size=-65536;"));
+  for (const WatchListingRow* row : rows) {
     KELVO_RETURN_ON_ERROR(open());
-    KELVO_RETURN_ON_ERROR(_db->ExecuteSQLQuery(
-        "INSERT OR REPLACE INTO directory VALUES(?, ?, ?, ?, ?);",
-        {SqlValue(assetid), SqlValue(row.url), SqlValue(row.size), SqlValue(row.modified), SqlValue(row.isdir)}));
+    KELVO_RETURN_ON_ERROR(_db->ExecuteSQLQuery("INSERT OR REPLACE INTO directory VALUES(?, ?, ?, ?, ?);",
+                                               {SqlValue(row->assetid), SqlValue(row->url), SqlValue(row->size),
+                                                SqlValue(row->modified), SqlValue(row->isdir)}));
     ++counts.written;
   }
-  if (transaction) KELVO_RETURN_ON_ERROR(transaction->Commit());
+  Result<void> committed = transaction ? transaction->Commit() : Result<void>();
+  if (large) {
+    (void)_db->Exec("PRAGMA cache_size=-2000;");
+    (void)_db->Exec("PRAGMA shrink_memory;");
+  }
+  KELVO_RETURN_ON_ERROR(committed);
   if (g_assetDiagnostic)
     DiagnosticOutput("  WatchFolder writing fileinfo to sqlite: @ written, @ deleted, @", counts.written,
                      counts.deleted, Elapsed(start));

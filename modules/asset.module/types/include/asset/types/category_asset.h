@@ -12,7 +12,7 @@
 namespace kelvo {
 
 namespace categoryids {
-inline const InternedId parent{"net.kelvo.node.category"};
+inline const InternedId& parent = metaids::category;
 } // namespace categoryids
 
 class CategoryAssetInterface : public AssetBaseImpl {

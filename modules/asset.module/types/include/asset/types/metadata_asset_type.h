@@ -13,8 +13,8 @@ namespace kelvo {
 
 // Metadata that typed assets answer themselves instead of leaving it to the base.
 namespace typedmetaids {
-inline const InternedId tags{"net.kelvo.object.base.tags"};
-inline const InternedId baseCategory{"net.kelvo.node.base.category"};
+inline const InternedId tags{stringkeys::tags};
+inline const InternedId& baseCategory = metaids::baseCategory;
 } // namespace typedmetaids
 
 // Which metadata ComputeMetaData answers before the base: none, the tags (an empty String), or

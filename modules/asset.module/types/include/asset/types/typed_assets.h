@@ -8,8 +8,8 @@
 namespace kelvo {
 
 // Enters every typed asset type (keyword, category, color category, command, smart search,
-// node space, plugin, subtype) into net.kelvo.registry.assettypes and the plugin renaming into
-// net.kelvo.registry.assetrenamings. Runs once per process; later calls return the first
+// node space, plugin, subtype) into net.kelvo.registry.assettypes, the plugin renaming into
+// net.kelvo.registry.assetrenamings, the "assettype" enum list and the preset data types. Runs once per process; later calls return the first
 // outcome. Thread safe. Called by the module start and, lazily, by each Create().
 Result<void> RegisterTypedAssetTypes();
 

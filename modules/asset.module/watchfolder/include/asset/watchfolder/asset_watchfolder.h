@@ -28,6 +28,10 @@ namespace watchfolderkeys {
 // Repository data: true once the kernel's watch limit left parts of the folder unwatched; the
 // folder is then rescanned periodically.
 inline const Id watchlimitreached{"net.kelvo.assetrepository.watchfolder.watchlimitreached"};
+// Repository data: the number of files, of folders, and the bytes of the files, as UInt64.
+inline const Id assetcount{"net.kelvo.assetrepository.assetcount"};
+inline const Id categorycount{"net.kelvo.assetrepository.categorycount"};
+inline const Id assetsize{"net.kelvo.assetrepository.assetsize"};
 // URL data: a display name for the folder.
 inline const Id watchfolderstring{"net.kelvo.url.watchfolderstring"};
 } // namespace watchfolderkeys
