@@ -78,6 +78,19 @@ protected:
     return _root / "gprefs" / "_assetcache" / GetRemoteDatabaseCacheName(RemoteUrl());
   }
   std::size_t Requests(const std::string& path) const { return _nginx->CountRequests("/db/" + path); }
+  // The content of aid read through its URL (a description keeps what it loaded once).
+  static std::string ReadContent(const std::string& aid) {
+    const AssetDescription d = Find(aid);
+    if (!d) return "error: no asset";
+    Result<std::string> text = d->GetUrl().GetValueOr(Url()).ReadAll();
+    return text.HasValue() ? *text : "error: " + text.GetError().ToString();
+  }
+  // The path of an asset's content below the database root: its RAM disk path without the disk.
+  static std::string ContentPath(const AssetDescription& d) {
+    const std::string path = d->GetUrl().GetValueOr(Url()).GetPath();
+    const std::size_t slash = path.find('/', path.find_first_not_of('/'));
+    return path.substr(slash + 1);
+  }
 
   // Starts the module with the remote database as the user's list and waits for the pass.
   static void Mount(const Url& url) {

@@ -108,6 +108,7 @@ TEST_F(RemoteDatabaseTest, UnreachableServerWithoutCacheIsSkipped) {
 
 TEST_F(RemoteDatabaseTest, DamagedAndHostileIndexFilesAreRefused) {
   Store("alpha", "one");
+  Store("beta", "two");
   Compact();
   StartServer();
   const fs::path index = ServerDir() / "_index" / "index.dat";
@@ -126,6 +127,19 @@ TEST_F(RemoteDatabaseTest, DamagedAndHostileIndexFilesAreRefused) {
   EXPECT_EQ(LoadText(Find("alpha")), "one");
   // A name that a reader might try anyway resolves to nothing.
   EXPECT_EQ(Url("ramdisk:///x/../escaped").IoDetect(), IODETECT::NONE);
+  // A link planted in the cache in place of a directory is not followed: the read fails and
+  // nothing lands where the link points.
+  const fs::path outside = _root / "outside";
+  fs::create_directories(outside);
+  const AssetDescription beta = Find("beta");
+  ASSERT_NE(beta, nullptr);
+  const fs::path versionDir = CacheDir() / fs::path(ContentPath(beta)).parent_path();
+  fs::create_directories(versionDir.parent_path());
+  fs::create_directory_symlink(outside, versionDir);
+  EXPECT_EQ(LoadText(beta).rfind("error: ", 0), 0u);
+  EXPECT_TRUE(fs::is_empty(outside));
+  fs::remove(versionDir);
+  EXPECT_EQ(LoadText(beta), "two");
 
   // Garbage in index.dat: nothing is mounted from it, and the bad copy is not kept.
   EndAssetModule();
@@ -165,7 +179,7 @@ TEST_F(RemoteDatabaseTest, CacheSizeClearAndPath) {
   const std::size_t contentRequests = _nginx->GetAccessLog().size();
   ASSERT_TRUE(AssetDataBases::ClearAssetDatabaseCache().HasValue());
   EXPECT_EQ(AssetDataBases::GetAssetDatabaseCacheSize(), 0u);
-  EXPECT_EQ(LoadText(Find("alpha")), std::string(3000, 'a'));
+  EXPECT_EQ(ReadContent("alpha"), std::string(3000, 'a'));
   EXPECT_GT(_nginx->GetAccessLog().size(), contentRequests);
 
   // Only a missing or empty directory or an existing cache can become the cache path.
@@ -180,10 +194,14 @@ TEST_F(RemoteDatabaseTest, CacheSizeClearAndPath) {
   ASSERT_TRUE(AssetDataBases::SetAssetDatabaseCachePath(FileUrl(_root / "empty")).HasValue());
   EXPECT_EQ(AssetDataBases::GetAssetDatabaseCachePath(), FileUrl(_root / "empty"));
   // The live disk now mirrors into the new place.
-  EXPECT_EQ(LoadText(Find("alpha")), std::string(3000, 'a'));
+  EXPECT_EQ(ReadContent("alpha"), std::string(3000, 'a'));
   EXPECT_GT(CountFiles(_root / "empty"), 0u);
-  // An existing cache is accepted back.
-  ASSERT_TRUE(AssetDataBases::SetAssetDatabaseCachePath(defaultPath).HasValue());
+  // A cache whose index went with a clear is no cache any more; one that a mount filled again is.
+  EXPECT_TRUE(AssetDataBases::SetAssetDatabaseCachePath(defaultPath).HasError());
+  Remount(RemoteUrl());
+  EXPECT_TRUE(fs::is_regular_file(_root / "empty" / GetRemoteDatabaseCacheName(RemoteUrl()) / "_index" / "index.dat"));
+  ASSERT_TRUE(AssetDataBases::SetAssetDatabaseCachePath(FileUrl(_root / "missing")).HasValue());
+  ASSERT_TRUE(AssetDataBases::SetAssetDatabaseCachePath(FileUrl(_root / "empty")).HasValue());
 }
 
 } // namespace

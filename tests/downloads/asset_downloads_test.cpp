@@ -81,12 +81,6 @@ protected:
     EXPECT_TRUE(state.HasValue()) << state.GetError().ToString();
     return state.GetValueOr(DOWNLOADSTATE::UNAVAILABLE);
   }
-  // The server path of an asset's content: the RAM disk path without the disk's name.
-  static std::string ContentPath(const AssetDescription& d) {
-    const std::string path = d->GetUrl().GetValueOr(Url()).GetPath();
-    const std::size_t slash = path.find('/', path.find_first_not_of('/'));
-    return path.substr(slash + 1);
-  }
   static std::vector<std::string> Errors(const BackgroundEntryRef& entry) {
     std::vector<std::string> texts;
     for (const auto& m : entry->GetMessages())
@@ -202,6 +196,7 @@ TEST_F(AssetDownloadsTest, A404OrADamagedBodyFailsOnlyItsOwnAsset) {
 TEST_F(AssetDownloadsTest, TruncatedBodiesAndSilentServersEndWithAnError) {
   Store("one", "first");
   Store("two", "second");
+  Store("three", "third");
   Compact();
   StartServer();
   Mount(RemoteUrl());
@@ -229,18 +224,26 @@ TEST_F(AssetDownloadsTest, TruncatedBodiesAndSilentServersEndWithAnError) {
     EXPECT_EQ(Errors(progress).size(), 1u);
 
     // A cancelled download is no error: the asset is back to NO, and requests work afterwards.
-    auto started = AssetDownloads::DownloadAsset(one, AssetInterface::GetUserPrefsRepository());
+    const AssetDescription three = Find("three");
+    auto started = AssetDownloads::DownloadAsset(three, AssetInterface::GetUserPrefsRepository());
     ASSERT_TRUE(started.HasValue());
     ASSERT_NE(started->progress, nullptr);
-    EXPECT_EQ(State(one), DOWNLOADSTATE::INPROGRESS);
+    EXPECT_EQ(State(three), DOWNLOADSTATE::INPROGRESS);
     // A second request for the same object merges with the first.
-    auto merged = AssetDownloads::DownloadAsset(one, AssetInterface::GetUserPrefsRepository());
+    auto merged = AssetDownloads::DownloadAsset(three, AssetInterface::GetUserPrefsRepository());
     ASSERT_TRUE(merged.HasValue());
     EXPECT_EQ(merged->jobIndex, started->jobIndex);
     started->progress->Cancel();
     EXPECT_FALSE(AssetDownloads::DownloadManagerIsDownloading());
-    EXPECT_EQ(State(one), DOWNLOADSTATE::NO);
+    EXPECT_EQ(State(three), DOWNLOADSTATE::NO);
     EXPECT_EQ(started->progress->GetState(), BACKGROUNDPROGRESSSTATE::CANCELED);
+    auto again = AssetDownloads::DownloadAsset(three, AssetInterface::GetUserPrefsRepository());
+    ASSERT_TRUE(again.HasValue());
+    ASSERT_NE(again->progress, nullptr);
+    EXPECT_NE(again->progress, started->progress);
+    EXPECT_TRUE(AssetDownloads::DownloadManagerIsDownloading());
+    AssetDownloads::DownloadManagerCancelAll();
+    EXPECT_FALSE(AssetDownloads::DownloadManagerIsDownloading());
   }
 }
 

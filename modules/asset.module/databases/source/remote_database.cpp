@@ -76,7 +76,7 @@ Url NoProxyCaching(Url url) {
 
 // The "modified" time of the first dictionary of a modified.dat (an object, or a list of
 // objects); nothing for an empty list. Anything else is a file format error.
-Result<std::optional<std::int64_t>> ParseModified(const std::string& text, const Url& source) {
+Result<std::optional<std::int64_t>> ParseModified(const std::string& text, const std::string& source) {
   const nlohmann::json json = nlohmann::json::parse(text, nullptr, false);
   const nlohmann::json* first = &json;
   if (json.is_array()) {
@@ -201,6 +201,7 @@ Url PrepareRemoteDatabase(const Url& databaseUrl, const BackgroundEntryRef& prog
   const Url localIndex = indexDir.Append("index.dat");
   const Url localModified = indexDir.Append("modified.dat");
   const Url remoteModified = NoProxyCaching(url.Append("_index/modified.dat"));
+  const std::string remoteText = HttpFetcher::ToRequestText(remoteModified).GetValueOr(urlText);
   const std::shared_ptr<HttpFetcher> fetcher = Fetcher();
 
   // The server's time decides; without it the cache is used as it is.
@@ -208,9 +209,9 @@ Url PrepareRemoteDatabase(const Url& databaseUrl, const BackgroundEntryRef& prog
   std::string remoteBody;
   Result<std::string> fetched = fetcher->FetchToMemory(remoteModified, kMaxModifiedBytes);
   Result<std::optional<std::int64_t>> parsed =
-      fetched.HasError() ? Result<std::optional<std::int64_t>>(fetched.GetError()) : ParseModified(*fetched, remoteModified);
+      fetched.HasError() ? Result<std::optional<std::int64_t>>(fetched.GetError()) : ParseModified(*fetched, remoteText);
   if (parsed.HasError()) {
-    skipReason = FormatString("@: @", HttpFetcher::ToRequestText(remoteModified).GetValueOr(urlText), parsed.GetError());
+    skipReason = FormatString("@: @", remoteText, parsed.GetError());
     report(skipReason);
     if (localModified.IoDetect() != IODETECT::FILE) return Url();
     skipReason.clear();
@@ -222,9 +223,9 @@ Url PrepareRemoteDatabase(const Url& databaseUrl, const BackgroundEntryRef& prog
   if (localModified.IoDetect() == IODETECT::FILE) {
     Result<std::string> body = localModified.ReadAll();
     Result<std::optional<std::int64_t>> localParsed =
-        body.HasError() ? Result<std::optional<std::int64_t>>(body.GetError()) : ParseModified(*body, localModified);
+        body.HasError() ? Result<std::optional<std::int64_t>>(body.GetError()) : ParseModified(*body, localModified.GetPath());
     if (localParsed.HasError())
-      report(FormatString("@: @", localModified, localParsed.GetError()));
+      report(FormatString("@: @", localModified.GetPath(), localParsed.GetError()));
     else
       local = *localParsed;
   }

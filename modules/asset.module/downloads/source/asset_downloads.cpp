@@ -185,7 +185,7 @@ Result<void> RunJob(AssetKey key, const std::weak_ptr<const AssetDescriptionInte
   Manager& m = GetManager();
   if (AssetDescription asset = weak.lock()) {
     if (Result<void> r = download(); r.HasError() && !r.GetError().Is(errors::OperationCancelledError))
-      DiagnosticOutput("Error executing job: @", r.GetError());
+      DiagnosticOutput("Error executing job: @", r.GetError().GetMessage()); // the message holds the cause
   }
   std::shared_ptr<JobQueue> released;
   {
