@@ -12,6 +12,9 @@
 
 #include "asset/core/content_digest.h"
 #include "asset/standard/assets.h"
+#include "asset/types/category_asset.h"
+#include "asset/types/command_asset.h"
+#include "asset/types/keyword_asset.h"
 #include "kelvo/job_queue.h"
 #include "kelvo/log.h"
 #include "kelvo/ramdisk.h"
@@ -61,7 +64,9 @@ Manager& GetManager() {
 bool IsRamDiskUrl(const Url& url) { return url.GetScheme() == kRamDiskScheme; }
 
 bool NeedsNoDownload(const Id& type) {
-  return type == downloadtypes::category || type == downloadtypes::keyword || type == downloadtypes::command;
+  // Read with the database's index: nothing to download.
+  return type == CategoryAssetInterface::TypeId() || type == KeywordAssetInterface::TypeId() ||
+         type == CommandAssetInterface::TypeId();
 }
 
 std::string SizeText(double bytes) {
@@ -379,14 +384,14 @@ Result<void> AssetDownloads::AddAssetWithDependencies(const AssetDescription& as
       for (const Data& item : *array)
         if (const AssetDependencyStruct* dep = item.GetPtr<AssetDependencyStruct>())
           KELVO_RETURN_ON_ERROR(follow(dep->assetTypeId, dep->assetIdAndVersion.first, dep->assetIdAndVersion.second));
-  KELVO_ASSIGN_OR_RETURN(std::optional<Data> category, meta->Get(downloadmetaids::category));
+  KELVO_ASSIGN_OR_RETURN(std::optional<Data> category, meta->Get(categoryids::parent));
   if (category)
-    if (std::optional<Id> id = category->Get<Id>()) KELVO_RETURN_ON_ERROR(follow(downloadtypes::category, *id, Id()));
-  KELVO_ASSIGN_OR_RETURN(std::optional<Data> keywords, meta->Get(downloadmetaids::keywords));
+    if (std::optional<Id> id = category->Get<Id>()) KELVO_RETURN_ON_ERROR(follow(CategoryAssetInterface::TypeId(), *id, Id()));
+  KELVO_ASSIGN_OR_RETURN(std::optional<Data> keywords, meta->Get(keywordids::keywords));
   if (keywords)
     if (const DataArray* array = keywords->GetPtr<DataArray>())
       for (const Data& item : *array)
-        if (std::optional<Id> id = item.Get<Id>()) KELVO_RETURN_ON_ERROR(follow(downloadtypes::keyword, *id, Id()));
+        if (std::optional<Id> id = item.Get<Id>()) KELVO_RETURN_ON_ERROR(follow(KeywordAssetInterface::TypeId(), *id, Id()));
   return {};
 }
 

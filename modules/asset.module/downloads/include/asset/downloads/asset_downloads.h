@@ -32,17 +32,10 @@ enum class DOWNLOADSTATE : std::int32_t {
 };
 const char* GetEnumName(DOWNLOADSTATE state);
 
-// Asset types that are never downloaded: they are read with the database's index.
 namespace downloadtypes {
-inline const Id category{"net.kelvo.assettype.category"};
-inline const Id keyword{"net.kelvo.assettype.keyword"};
-inline const Id command{"net.kelvo.assettype.command"};
+// Node templates of the node library, which like file assets have a content size.
 inline const Id nodetemplate{"net.kelvo.node.assettype.nodetemplate"};
 } // namespace downloadtypes
-namespace downloadmetaids {
-inline const InternedId category{"net.kelvo.node.category"};
-inline const InternedId keywords{"net.kelvo.asset.keywords"};
-} // namespace downloadmetaids
 
 // Descriptions compared by asset Id, version Id and repository.
 struct AssetDescriptionHash {
