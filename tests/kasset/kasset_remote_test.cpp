@@ -90,6 +90,8 @@ TEST_F(KassetRemoteTest, AddGetCacheAndMountFromTheCache) {
   ASSERT_EQ(Kasset({"cache", "clear"}).code, 0);
   EXPECT_EQ(Kasset({"cache", "size"}).out.substr(0, 8), "0 bytes ");
   EXPECT_EQ(Kasset({"ls", "--ids"}).out.find("notes"), std::string::npos);
+  // Out of the list, so that the commands below don't try the stopped server.
+  ASSERT_EQ(Kasset({"db", "remove", url}).code, 0);
 
   // Only a missing or empty directory or a cache can be the cache path.
   std::ofstream(root / "afile") << "x";

@@ -5,6 +5,7 @@
 
 #include <openssl/evp.h>
 
+#include <chrono>
 #include <cstdio>
 #include <functional>
 #include <mutex>
@@ -13,6 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "asset/core/asset_config.h"
 #include "asset/databases/asset_databases.h"
 #include "asset/databases/remote_databases.h"
 #include "asset/storage/url_layout.h"
@@ -254,6 +256,7 @@ Url PrepareRemoteDatabase(const Url& databaseUrl, const BackgroundEntryRef& prog
   if (declare.HasError()) return skip(declare.GetError());
 
   std::vector<std::string> refused;
+  const auto declareStart = std::chrono::steady_clock::now();
   Result<void> read = localIndex.IoDetect() == IODETECT::FILE ? ReadDirectoryTree(localIndex, *declare, refused)
                                                               : Result<void>(IoError("No local index."));
   if (read.HasError()) {
@@ -269,6 +272,9 @@ Url PrepareRemoteDatabase(const Url& databaseUrl, const BackgroundEntryRef& prog
       return skip(read.GetError());
     }
   }
+  if (g_assetDiagnostic)
+    DiagnosticOutput("Declared the tree of @ in @ s", urlText,
+                     std::chrono::duration<double>(std::chrono::steady_clock::now() - declareStart).count());
   if (!refused.empty()) {
     std::string list;
     for (std::size_t i = 0; i < refused.size() && i < 5; ++i) list += (i ? ", " : "") + refused[i];
