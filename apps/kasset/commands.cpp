@@ -16,6 +16,7 @@
 #include "db_commands.h"
 #include "watch_commands.h"
 #include "types_commands.h"
+#include "remote_commands.h"
 #include "kelvo/application.h"
 #include "output.h"
 
@@ -618,6 +619,7 @@ const std::vector<CommandSpec>& GetCommands() {
     v.insert(v.end(), GetWatchCommands().begin(), GetWatchCommands().end());
     v.insert(v.end(), GetTypesCommands().begin(), GetTypesCommands().end());
     v.insert(v.end(), GetCheckCommands().begin(), GetCheckCommands().end());
+    v.insert(v.end(), GetRemoteCommands().begin(), GetRemoteCommands().end());
     return v;
   }();
   return all;
@@ -664,6 +666,7 @@ int RunCommand(const CommandLine& line, Session& session) {
   if (IsWatchCommand(c)) return RunWatchCommand(line, session);
   if (IsTypesCommand(c)) return RunTypesCommand(line, session);
   if (IsCheckCommand(c)) return RunCheckCommand(line, session);
+  if (IsRemoteCommand(c)) return RunRemoteCommand(line, session);
   return Fail(EXIT_USAGE, "unknown command '" + c + "'");
 }
 

@@ -189,8 +189,9 @@ const std::vector<CommandSpec>& GetDbCommands() {
        "database with the same Id, not mounted, inactive) and why it could not be mounted.\n"
        "'db add PATH' adds a folder, an archive or a URL to the user's list and mounts it;\n"
        "'db remove PATH' takes it out; 'db activate PATH' and 'db deactivate PATH' keep it in the list\n"
-       "but switch its mounting on or off. Remote (http, https) databases are kept in the list but\n"
-       "not mounted by this version.",
+       "but switch its mounting on or off. A remote database (an http or https URL of a served\n"
+       "repository tree with its _index) is mounted from a local cache: see 'kasset cache --help';\n"
+       "'kasset get ID' downloads its assets.",
        {{"inactive", "", "db add: add the database switched off"},
         {"no-export", "", "db add: don't export the database when a project is saved"}}},
       {"graph", "", 0, 0, "Write the repository graph (GML) to <PREFS>/assetrepository_deps.gml and print its path.",

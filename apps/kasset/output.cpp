@@ -51,15 +51,21 @@ std::string Table::Format() const {
   return out;
 }
 
-Progress::Progress(std::string label, std::uint64_t totalBytes, std::size_t totalItems)
+Progress::Progress(std::string label, std::uint64_t totalBytes, std::size_t totalItems, bool always)
     : _label(std::move(label)), _totalBytes(totalBytes), _totalItems(totalItems),
-      _enabled(::isatty(STDERR_FILENO) == 1 && (totalBytes >= kBarMinBytes || totalItems >= kBarMinItems)) {}
+      _enabled(::isatty(STDERR_FILENO) == 1 && (always || totalBytes >= kBarMinBytes || totalItems >= kBarMinItems)) {}
 
 Progress::~Progress() { Finish(); }
 
 void Progress::Advance(std::uint64_t bytes, const std::string& item) {
   _doneBytes += bytes;
   ++_doneItems;
+  Draw(item);
+}
+
+void Progress::SetDone(std::uint64_t bytes, std::size_t items, const std::string& item) {
+  _doneBytes = bytes;
+  _doneItems = items;
   Draw(item);
 }
 

@@ -37,11 +37,16 @@ private:
 // enough to be worth it. Totals are in bytes.
 class Progress {
 public:
-  Progress(std::string label, std::uint64_t totalBytes, std::size_t totalItems);
+  // With always the bar is drawn on a terminal however small the work (a download's time
+  // depends on the network, not on its size).
+  Progress(std::string label, std::uint64_t totalBytes, std::size_t totalItems, bool always = false);
   ~Progress();
   // Shows item as the one being worked on.
   void Begin(const std::string& item) { Draw(item); }
   void Advance(std::uint64_t bytes, const std::string& item);
+  // Sets what is done so far, for work whose progress is read from elsewhere.
+  void SetDone(std::uint64_t bytes, std::size_t items, const std::string& item);
+  bool IsDrawing() const { return _enabled; }
   // Clears the bar, so that later output starts on a clean line.
   void Finish();
 

@@ -93,17 +93,26 @@ struct RamDisk::MountState {
     std::unique_lock guard(lock);
     if (!isDirectory && directories.count(rel))
       return IllegalArgumentError("Can't declare @: a directory of that name exists", rel);
-    std::string dir;
-    for (std::size_t i = 0; i < components.size(); ++i) {
-      dir += (i ? "/" : "") + components[i];
-      if ((i + 1 < components.size() || isDirectory) && files.count(dir))
-        return IllegalArgumentError("Can't declare @: @ is a file", rel, dir);
-    }
-    // Only now that nothing can fail is the tree changed.
-    std::string parent;
-    for (std::size_t i = 0; i < components.size(); ++i) {
-      directories[parent].insert(components[i]);
-      parent += (i ? "/" : "") + components[i];
+    // Listings name a directory before what it holds, so the parent is usually known: every
+    // prefix of a known directory is a known directory and none is a file, and only the last
+    // name is new. This keeps the declaration of a large tree to a few look-ups a file.
+    const std::size_t cut = rel.size() - components.back().size();
+    if (auto parent = directories.find(cut ? rel.substr(0, cut - 1) : std::string()); parent != directories.end()) {
+      if (isDirectory && files.count(rel)) return IllegalArgumentError("Can't declare @: @ is a file", rel, rel);
+      parent->second.insert(components.back());
+    } else {
+      std::string dir;
+      for (std::size_t i = 0; i < components.size(); ++i) {
+        dir += (i ? "/" : "") + components[i];
+        if ((i + 1 < components.size() || isDirectory) && files.count(dir))
+          return IllegalArgumentError("Can't declare @: @ is a file", rel, dir);
+      }
+      // Only now that nothing can fail is the tree changed.
+      std::string path;
+      for (std::size_t i = 0; i < components.size(); ++i) {
+        directories[path].insert(components[i]);
+        path += (i ? "/" : "") + components[i];
+      }
     }
     if (isDirectory)
       directories[rel];

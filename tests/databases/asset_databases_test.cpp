@@ -21,6 +21,7 @@
 #include "kelvo/job_queue.h"
 #include "kelvo/log.h"
 #include "kelvo/settings.h"
+#include "nginx_server.h"
 
 namespace kelvo::testing {
 namespace {
@@ -282,9 +283,13 @@ TEST_F(AssetDatabasesTest, BadDatabasesAreReportedAndTheOthersMounted) {
   WriteFile(Assets() / "empty.dat", "\n");
   ASSERT_TRUE(StartAssetModule().HasValue());
 
-  // A missing folder, a remote database, and the good one listed twice.
+  // A missing folder, a remote database whose server is down (nothing listens on its port and
+  // nothing is cached), and the good one listed twice.
   const Url missing = FileUrl(_root / "missing");
-  const Url remote("https://assets.example.invalid/db");
+  auto port = test::FindFreeLoopbackPort();
+  ASSERT_TRUE(port.HasValue());
+  const std::string remoteText = "http://127.0.0.1:" + std::to_string(*port) + "/db";
+  const Url remote(remoteText);
   SetList({AssetDatabaseStruct(missing), AssetDatabaseStruct(FileUrl(_root / "good")), AssetDatabaseStruct(remote),
            AssetDatabaseStruct(FileUrl(_root / "good"))});
 
@@ -302,7 +307,8 @@ TEST_F(AssetDatabasesTest, BadDatabasesAreReportedAndTheOthersMounted) {
     EXPECT_EQ(AssetDataBases::FindRepository(FileUrl(bad)).GetValueOr(nullptr), nullptr);
   }
   EXPECT_TRUE(AnyContains(errors, "Link file " + FileUrl(Assets() / "empty.dat").ToString() + " names no database."));
-  EXPECT_TRUE(AnyContains(errors, "Remote asset database https://assets.example.invalid/db can't be mounted yet"));
+  EXPECT_TRUE(AnyContains(errors, remoteText + "/_index/modified.dat: ")) << ::testing::PrintToString(errors);
+  EXPECT_EQ(AssetDataBases::FindRepository(remote).GetValueOr(nullptr), nullptr);
   EXPECT_NE(StateOf(Assets() / "corrupt.zip")->error.find("Can't open zip archive"), std::string::npos);
   EXPECT_EQ(AssetDataBases::GetLastProgressEntry()->GetState(), BACKGROUNDPROGRESSSTATE::ERROR);
 

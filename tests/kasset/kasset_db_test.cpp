@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "kasset_runner.h"
+#include "nginx_server.h"
 
 namespace {
 
@@ -75,13 +76,17 @@ TEST_F(KassetDbTest, BadInputAndRemoteDatabases) {
   EXPECT_EQ(Kasset({"db", "add"}).code, 2);
   EXPECT_EQ(Kasset({"db", "list", "extra"}).code, 2);
 
-  // A remote database is kept in the list and reported as not mountable yet.
-  KassetRun remote = Kasset({"db", "add", "https://assets.example.invalid/lib"});
+  // A remote database whose server is down and that was never cached is kept in the list and
+  // reported as not mounted, with the request that failed.
+  auto port = kelvo::test::FindFreeLoopbackPort();
+  ASSERT_TRUE(port.HasValue());
+  const std::string url = "http://127.0.0.1:" + std::to_string(*port) + "/lib";
+  KassetRun remote = Kasset({"db", "add", url});
   ASSERT_EQ(remote.code, 0) << remote.err;
-  EXPECT_NE(remote.err.find("can't be mounted yet"), std::string::npos) << remote.err;
+  EXPECT_NE(remote.err.find("not mounted: " + url + "/_index/modified.dat: "), std::string::npos) << remote.err;
   KassetRun list = Kasset({"db", "list"});
   EXPECT_NE(list.out.find("not mounted"), std::string::npos) << list.out;
-  EXPECT_NE(list.out.find("https://assets.example.invalid/lib"), std::string::npos);
+  EXPECT_NE(list.out.find(url), std::string::npos);
 
   // A damaged archive in the library is listed with its error; the command still succeeds.
   std::ofstream(root / "library" / "assets" / "broken.zip") << "not an archive";

@@ -12,6 +12,7 @@ std::shared_ptr<MemoryAssetRepositoryImpl> MakeRepository(const std::string& rid
 }
 
 std::string LoadText(const AssetDescription& description) {
+  if (!description) return "error: no asset";
   auto asset = description->Load(false);
   if (asset.HasError()) return "error: " + asset.GetError().ToString();
   auto* text = dynamic_cast<TextAsset*>(asset->get());

@@ -2,6 +2,7 @@
 // registry mounts the databases named by the user and the assets directory (see database_mount_pass.h).
 
 #include "asset/databases/asset_databases.h"
+#include "remote_database.h"
 
 #include <algorithm>
 #include <mutex>
@@ -12,6 +13,7 @@
 #include "database_registry.h"
 #include "kelvo/application.h"
 #include "kelvo/job_queue.h"
+#include "kelvo/log.h"
 #include "kelvo/settings.h"
 #include "kelvo/zip_io.h"
 
@@ -130,6 +132,8 @@ Url AssetDataBases::GetAssetsDirectory() {
 
 Result<void> PrivateStartAssetDatabases() {
   DatabasesState& s = State();
+  if (Result<void> cache = PrivateWriteAssetDatabaseCachePathDefault(); cache.HasError())
+    WarningOutput("Can't write the default cache path of remote databases: @", cache.GetError());
   {
     std::lock_guard start(s.startLock);
     if (s.started) return {};

@@ -14,6 +14,7 @@
 #include "asset/storage/urlassetrepository.h"
 #include "database_collection.h"
 #include "database_registry.h"
+#include "remote_database.h"
 #include "kelvo/job_queue.h"
 #include "kelvo/log.h"
 #include "kelvo/registry.h"
@@ -44,13 +45,6 @@ Id UrlRepositoryType(const Url& url) {
 }
 
 bool IsRemote(const Url& url) { return url.GetScheme() == "http" || url.GetScheme() == "https"; }
-
-// A remote URL as its users write it: "https://host/path".
-std::string RemoteUrlText(const Url& url) {
-  std::string text = url.GetScheme() + "://" + url.GetPath();
-  if (const std::string query = url.GetQuery(); !query.empty()) text += "?" + query;
-  return text;
-}
 
 // Whether url lies in dir (both "file" URLs).
 bool IsInside(const Url& url, const Url& dir) {
@@ -140,14 +134,13 @@ Result<void> MountOne(PassContext& pass, const DatabaseMountItem& item) {
     Url url = item.url;
     std::optional<Error> openError;
     if (IsRemote(url)) {
-      // Remote databases need the local cache and the lazy file tree, which this version lacks.
-      const std::string text = FormatString(
-          "Remote asset database @ can't be mounted yet: this version mounts only local folders and archives.",
-          RemoteUrlText(url));
-      WarningOutput("@", text);
-      pass.progress->AddMessage(BACKGROUNDPROGRESSSTATE::ERROR, text);
-      entry->SetError(text);
-    } else {
+      // The cache and its RAM disk stand in for the server; an empty root skips the database.
+      std::string skipReason;
+      url = PrepareRemoteDatabase(item.url, pass.progress, skipReason);
+      writable = false;
+      if (url.IsEmpty()) entry->SetError(skipReason);
+    }
+    if (!url.IsEmpty()) {
       const IODETECT kind = url.IoDetect();
       if (kind == IODETECT::NONE) {
         openError = IoError("The database @ doesn't exist.", url);
@@ -186,9 +179,12 @@ Result<void> MountOne(PassContext& pass, const DatabaseMountItem& item) {
             if (created.GetError().Is(errors::OperationCancelledError)) return created.GetError();
             ReportMountError(pass, *entry, item.url, created.GetError());
           } else {
-            std::lock_guard guard(entry->lock);
-            entry->repository = *created;
-            entry->custom = IsCustom(item);
+            {
+              std::lock_guard guard(entry->lock);
+              entry->repository = *created;
+              entry->custom = IsCustom(item);
+            }
+            if (IsRemote(item.url)) ConnectRemoteDownloadState(url, *created);
           }
           if (g_assetDiagnostic)
             DiagnosticOutput("AssetInterface::CreateRepositoryFromUrl(@) @", item.url, Elapsed(start));

@@ -4,6 +4,7 @@
 #include "asset/module/asset_module.h"
 
 #include "asset/databases/asset_databases.h"
+#include "asset/downloads/asset_downloads.h"
 #include "asset/standard/assets.h"
 #include "asset/watchfolder/asset_watchfolder.h"
 #include "asset/types/command_asset.h"
@@ -24,6 +25,8 @@ Result<void> StartAssetModule() {
 }
 
 void EndAssetModule() {
+  // Downloads read from the remote databases: they end before the databases go.
+  AssetDownloads::FreeAssetDownloads();
   // The mount pass uses the standard repositories: it is cancelled and waited for first.
   PrivateEndAssetDatabases();
   PrivateEndWatchFolders();

@@ -227,9 +227,11 @@ Result<bool> UrlAssetRepositoryImpl::LoadIndex(LoadedIndex& index) {
   for (const Range& range : ranges) {
     if (range.lo > range.hi || isCovered(range)) continue;
     // A part made before the last change of the tree (by any process) may hide it: not used.
+    // Only a local tree has a change token; a served one (a RAM disk) is as its index says.
     const Url covers = indexDir.Append(range.name).Append(kCoversFile);
     const bool hasCovers = covers.IoDetect() != IODETECT::NONE;
-    if ((hasCovers ? ReadRepositoryFile(covers, kSmallFileLimit).GetValueOr(std::string("?")) : std::string()) != token) {
+    if (_url.GetScheme() == "file" &&
+        (hasCovers ? ReadRepositoryFile(covers, kSmallFileLimit).GetValueOr(std::string("?")) : std::string()) != token) {
       DiagnosticOutput("The index of @ is older than the last change of its tree; reading the directories.", _url);
       index = LoadedIndex();
       std::lock_guard guard(_lock);

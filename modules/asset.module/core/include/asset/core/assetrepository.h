@@ -95,11 +95,6 @@ using ObservableDownloadStateChangedType = Observable<AssetRepositoryRef, bool>;
 // An opaque cached value; its destructor is its clean-up.
 using CachedValue = std::shared_ptr<void>;
 
-// The registry net.kelvo.registry.assetrenamings: each entry maps an old asset Id to its new one
-// (the empty Id: no renaming); searches apply the first that renames.
-using AssetRenaming = std::function<Result<Id>(const Id&)>;
-extern const Id g_assetRenamingsRegistryId;
-
 // Data keys of repositories.
 namespace repositorykeys {
 inline const Id skipinsearch{"net.kelvo.assetrepository.skipinsearch"};

@@ -17,8 +17,8 @@
 // and problems of a pass go to a master background progress entry. A database that can't be
 // opened is reported there and skipped; the others are mounted all the same.
 //
-// Remote databases (http, https) are kept in the user's list but not mounted by this version:
-// each pass reports them as not mountable yet with an ERROR message on the progress entry.
+// Remote databases (http, https) are mounted from a local cache that a RAM disk fills on demand
+// (asset/databases/remote_databases.h); the cache operations below act on all of them.
 
 #include <cstdint>
 #include <functional>
@@ -126,6 +126,19 @@ public:
   // Reads the user's list and starts a pass with it. force reopens local databases of the
   // user's list and mounts even an unchanged list.
   static Result<void> ReloadAssetRepositories(bool force);
+  // The directory of the caches of remote databases: the setting, else <GLOBALPREFS_DIR>/_assetcache.
+  static Url GetAssetDatabaseCachePath();
+  // Makes url the cache path. Accepted: the current path, a missing directory, an empty one, or
+  // one whose every entry is a database cache (a directory with _index/index.dat); anything else
+  // fails with "Not a valid cache path". Live RAM disks mirror into the new place from then on;
+  // cached files are not moved. Any thread.
+  static Result<void> SetAssetDatabaseCachePath(const Url& url);
+  // The bytes of all files below the cache path; links are not followed, and a directory that
+  // can't be listed counts 0. Any thread.
+  static std::uint64_t GetAssetDatabaseCacheSize();
+  // Deletes the cache path with everything in it; live RAM disks fetch their files again on the
+  // next read. Errors: the deletion's. Any thread.
+  static Result<void> ClearAssetDatabaseCache();
   // Fired once per pass while the standard databases are collected, on the pass's thread with
   // the registry lock held: observers must not call into AssetDataBases. Made on first use;
   // released at module end, so observers are added again after a restart.
