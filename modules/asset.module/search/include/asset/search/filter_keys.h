@@ -3,6 +3,7 @@
 // an asset stores the value; the short ids (assetid, dependencycount, ...) are markers for values
 // that are not metadata and that the filter computes itself.
 
+#include <cstdint>
 #include <string_view>
 
 #include "kelvo/id.h"
@@ -51,6 +52,19 @@ inline const Id boundingbox{"net.kelvo.asset.metaproperties.k3sfile.boundingbox"
 inline const Id proxygeometry{"net.kelvo.assetmetadata.proxygeometry"};
 inline const Id scope{"scope"};
 } // namespace filterids
+
+// What a term tests, as one value per row of the key table, so that evaluation dispatches on it
+// without comparing ids. TEXT is free text (empty id).
+enum class FILTERKEY : std::int32_t {
+  TEXT, TYPE, NAME, ANNOTATIONS, ASSETID, DEPENDENCY, DEPENDENCYCOUNT, CATEGORYID, KEYWORD, KEYWORDID,
+  KEYWORDCOUNT, LASTUSEDATE, USECOUNT, DATABASE, DATABASETYPE, SIZE, INSTALLED, DOWNLOADING, PROTECTED,
+  FAVORITE, VERSION, VERSIONCOUNT, CREATIONDATE, PREVIEW, PREVIEWANIM, FPS, ANIMATIONLENGTH, BITDEPTH,
+  PIXELFORMAT, COLORPROFILE, RESOLUTION, ALPHACHANNELS, FILEVERSION, FILEFORMAT, POINTS, POLYGONS, OBJECTS,
+  MATERIALS, DIMENSIONS, PROXY, SCOPE
+};
+
+// The row of a term's metaId; TEXT for the empty id and for an id that is no row.
+FILTERKEY GetFilterKey(const Id& metaId);
 
 // The id tested by the term key (upper case, compared exactly), or null for an unknown key.
 // Safe from any thread.
