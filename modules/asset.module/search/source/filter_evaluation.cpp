@@ -137,19 +137,24 @@ Result<void> CountStage(const SearchTerm& term, std::size_t count, EvaluationSta
   });
 }
 
-Result<void> KeywordsStage(const SearchTerm& term, FILTERKEY key, EvaluationState& state) {
+bool IsCountForm(std::string_view value) {
+  return value.starts_with('=') || value.starts_with('<') || value.starts_with('>');
+}
+
+Result<void> KeywordsStage(const SearchTerm& term, FILTERKEY key, bool preMatching, EvaluationState& state) {
   KELVO_ASSIGN_OR_RETURN(const std::vector<Id>* ids, KeywordIds(state));
   if (key == FILTERKEY::KEYWORDCOUNT) return CountStage(term, ids->size(), state);
-  if (ids->empty() && !std::any_of(term.values.begin(), term.values.end(), [](const std::string& v) {
-        return v.starts_with('=') || v.starts_with('<') || v.starts_with('>');
-      }))
-    return {};
+  // While keyword assets are matched, a count form would count the keywords of the keyword asset
+  // and so pass every asset tagged with it: counts are only taken of the evaluated asset.
+  const bool counts = !preMatching && std::any_of(term.values.begin(), term.values.end(), IsCountForm);
+  if (ids->empty() && !counts) return {};
   std::vector<IdAndVersion> keywords;
   for (const Id& id : *ids) keywords.push_back(IdAndVersion{id, Id()});
   KELVO_ASSIGN_OR_RETURN(std::vector<std::string> names,
                          DisplayNames(state, keywords, std::vector<Id>(ids->size(), KeywordAssetInterface::TypeId()),
                                       true));
   return MarkFirst(term, state, [&](const std::string& v) -> Result<std::optional<std::string>> {
+    if (preMatching && IsCountForm(v)) return std::optional<std::string>();
     return CollectionTest(v, names);
   });
 }
@@ -192,7 +197,11 @@ Result<void> CategoryIdStage(const SearchTerm& term, EvaluationState& state) {
   std::unordered_set<Id> seen;
   while (current) {
     KELVO_ASSIGN_OR_RETURN(Id category, CategoryAssetInterface::GetParentCategory(current));
-    if (category.IsEmpty()) category = kUncategorized;
+    // Only the asset itself is uncategorized without a category; a top category ends the walk.
+    if (category.IsEmpty()) {
+      if (current != state.asset) break;
+      category = kUncategorized;
+    }
     const std::string upper = IdUpper(category);
     for (const std::string& v : term.values)
       if (upper.find(v) != std::string::npos) return MarkTerm(term, v, {}, state);
@@ -318,7 +327,7 @@ Result<void> EvaluateTerm(const SearchTerm& term, FILTERKEY key, EvaluationState
   }
   if ((key == FILTERKEY::TEXT || key == FILTERKEY::KEYWORD || (!preMatching && key == FILTERKEY::KEYWORDCOUNT)) &&
       (metaIdSet & METAID_KEYWORDS)) {
-    KELVO_RETURN_ON_ERROR(KeywordsStage(term, key, state));
+    KELVO_RETURN_ON_ERROR(KeywordsStage(term, key, preMatching, state));
     if (done()) return {};
   }
   if (!preMatching && key == FILTERKEY::CATEGORYID) return CategoryIdStage(term, state);
