@@ -101,16 +101,20 @@ Result<void> AssetIdStage(const SearchTerm& term, EvaluationState& state) {
   return TextStage(term, text, state);
 }
 
-// The display names of ids of one type; an id whose name is its bare id gives no candidate when
-// skipBareIds.
+// The display names of ids (each of the type at the same index). With keywordNames: a keyword
+// without a name of its own gives no candidate, and one without a keyword asset (tagged by id
+// alone) is named by its id.
 Result<std::vector<std::string>> DisplayNames(EvaluationState& state, const std::vector<IdAndVersion>& ids,
-                                              const std::vector<Id>& types, bool skipBareIds) {
+                                              const std::vector<Id>& types, bool keywordNames) {
   std::vector<std::string> names;
   const AssetRepositoryRef repository = state.LookupRepository();
   for (std::size_t i = 0; i < ids.size(); ++i) {
     KELVO_ASSIGN_OR_RETURN(TypeName name,
                            GetAssetTypeName(repository, types[i], ids[i].first, ids[i].second, false, &state.cache));
-    if (skipBareIds && name.name == ids[i].first.View()) name.name.clear();
+    if (keywordNames) {
+      if (!name.found) name.name = ids[i].first.ToString();
+      else if (name.name == GetAssetTypeName(types[i]).name) name.name.clear();
+    }
     names.push_back(std::move(name.name));
   }
   return names;

@@ -85,6 +85,7 @@ Result<TypeName> GetAssetTypeName(const AssetRepositoryRef& repository, const Id
   }
   TypeName result;
   if (found) {
+    result.found = true;
     KELVO_ASSIGN_OR_RETURN(result.name, GetStoredName(found, nullptr));
     KELVO_ASSIGN_OR_RETURN(std::optional<std::string> sort,
                            found->GetMetaData()->GetValue<std::string>(typenameids::sort));

@@ -17,6 +17,7 @@ namespace kelvo {
 struct TypeName {
   std::string name;
   std::string sort;
+  bool found = false; // the asset was found (always false for the name of a type)
   friend bool operator==(const TypeName&, const TypeName&) = default;
 };
 
