@@ -53,13 +53,13 @@ Result<std::string> GetTagStrings(const AssetDescription& asset) {
     }
   }
   KELVO_ASSIGN_OR_RETURN(std::string text, asset->GetMetaString(stringkeys::tags, language, std::string()));
-  DataDictionary tagged;
-  tagged.SetData(kTextTag, Data(text));
-  tagged.SetData(kStampTag, Data(stamp));
-  tagged.SetData(kLanguageTag, Data(language->GetIdentifier()));
   const AssetRepositoryRef repository = asset->GetRepository();
   // A read-only repository keeps no derived values; the text is made again on the next search.
   if (repository && repository->IsWritable()) {
+    DataDictionary tagged;
+    tagged.SetData(kTextTag, Data(text));
+    tagged.SetData(kStampTag, Data(stamp));
+    tagged.SetData(kLanguageTag, Data(language->GetIdentifier()));
     Result<void> written =
         repository->StoreMetaData(asset, InternedId(stringkeys::tags), Data(std::move(tagged)), AssetMetaData::DERIVED_CACHE);
     if (written.HasError()) DiagnosticOutput("@", written.GetError());

@@ -101,21 +101,25 @@ Result<void> AssetIdStage(const SearchTerm& term, EvaluationState& state) {
   return TextStage(term, text, state);
 }
 
-// The display names of ids (each of the type at the same index). With keywordNames: a keyword
-// without a name of its own gives no candidate, and one without a keyword asset (tagged by id
-// alone) is named by its id.
-Result<std::vector<std::string>> DisplayNames(EvaluationState& state, const std::vector<IdAndVersion>& ids,
-                                              const std::vector<Id>& types, bool keywordNames) {
-  std::vector<std::string> names;
-  const AssetRepositoryRef repository = state.LookupRepository();
+// The display name of a dependency or keyword. With keywordName: a keyword without a name of its
+// own gives no candidate, and one without a keyword asset (tagged by id alone) is named by its id.
+Result<std::string_view> DisplayName(EvaluationState& state, const IdAndVersion& id, const Id& type,
+                                     bool keywordName) {
+  KELVO_ASSIGN_OR_RETURN(const TypeName* name,
+                         GetCachedAssetTypeName(state.LookupRepository(), type, id.first, id.second, state.cache));
+  if (keywordName) {
+    if (!name->found) return id.first.View();
+    if (name->name == GetAssetTypeName(type).name) return std::string_view();
+  }
+  return std::string_view(name->name);
+}
+
+Result<std::vector<std::string_view>> DisplayNames(EvaluationState& state, const std::vector<IdAndVersion>& ids,
+                                                   const std::vector<Id>& types) {
+  std::vector<std::string_view> names;
   for (std::size_t i = 0; i < ids.size(); ++i) {
-    KELVO_ASSIGN_OR_RETURN(TypeName name,
-                           GetAssetTypeName(repository, types[i], ids[i].first, ids[i].second, false, &state.cache));
-    if (keywordNames) {
-      if (!name.found) name.name = ids[i].first.ToString();
-      else if (name.name == GetAssetTypeName(types[i]).name) name.name.clear();
-    }
-    names.push_back(std::move(name.name));
+    KELVO_ASSIGN_OR_RETURN(std::string_view name, DisplayName(state, ids[i], types[i], false));
+    names.push_back(name);
   }
   return names;
 }
@@ -152,11 +156,13 @@ Result<void> KeywordsStage(const SearchTerm& term, FILTERKEY key, bool preMatchi
   // and so pass every asset tagged with it: counts are only taken of the evaluated asset.
   const bool counts = !preMatching && std::any_of(term.values.begin(), term.values.end(), IsCountForm);
   if (ids->empty() && !counts) return {};
-  std::vector<IdAndVersion> keywords;
-  for (const Id& id : *ids) keywords.push_back(IdAndVersion{id, Id()});
-  KELVO_ASSIGN_OR_RETURN(std::vector<std::string> names,
-                         DisplayNames(state, keywords, std::vector<Id>(ids->size(), KeywordAssetInterface::TypeId()),
-                                      true));
+  std::vector<std::string_view> names;
+  names.reserve(ids->size());
+  for (const Id& id : *ids) {
+    KELVO_ASSIGN_OR_RETURN(std::string_view name,
+                           DisplayName(state, IdAndVersion{id, Id()}, KeywordAssetInterface::TypeId(), true));
+    names.push_back(name);
+  }
   return MarkFirst(term, state, [&](const std::string& v) -> Result<std::optional<std::string>> {
     if (preMatching && IsCountForm(v)) return std::optional<std::string>();
     return CollectionTest(v, names);
@@ -165,8 +171,8 @@ Result<void> KeywordsStage(const SearchTerm& term, FILTERKEY key, bool preMatchi
 
 Result<void> KeywordIdStage(const SearchTerm& term, EvaluationState& state) {
   KELVO_ASSIGN_OR_RETURN(const std::vector<Id>* ids, KeywordIds(state));
-  std::vector<std::string> candidates;
-  for (const Id& id : *ids) candidates.push_back(id.ToString());
+  std::vector<std::string_view> candidates;
+  for (const Id& id : *ids) candidates.push_back(id.View());
   return MarkFirst(term, state, [&](const std::string& v) -> Result<std::optional<std::string>> {
     return CollectionTest(v, candidates);
   });
@@ -184,9 +190,9 @@ Result<void> DependenciesStage(const SearchTerm& term, FILTERKEY key, Evaluation
       }
   if (ids.empty()) return {};
   if (key == FILTERKEY::DEPENDENCYCOUNT) return CountStage(term, ids.size(), state);
-  KELVO_ASSIGN_OR_RETURN(std::vector<std::string> names, DisplayNames(state, ids, types, false));
-  std::vector<std::string> idTexts;
-  for (const IdAndVersion& id : ids) idTexts.push_back(id.first.ToString());
+  KELVO_ASSIGN_OR_RETURN(std::vector<std::string_view> names, DisplayNames(state, ids, types));
+  std::vector<std::string_view> idTexts;
+  for (const IdAndVersion& id : ids) idTexts.push_back(id.first.View());
   return MarkFirst(term, state, [&](const std::string& v) -> Result<std::optional<std::string>> {
     if (std::optional<std::string> hit = CollectionTest(v, names)) return hit;
     return CollectionTest(v, idTexts);
@@ -357,7 +363,7 @@ bool ContainsText(std::string_view candidate, std::string_view upperValue) {
   return ToUpperText(candidate).find(upperValue) != std::string::npos;
 }
 
-std::optional<std::string> CollectionTest(std::string_view value, const std::vector<std::string>& candidates) {
+std::optional<std::string> CollectionTest(std::string_view value, const std::vector<std::string_view>& candidates) {
   if (value.starts_with('=') || value.starts_with('<') || value.starts_with('>')) {
     const ValueComparison comparison = SplitComparison(value);
     const std::optional<std::int64_t> operand = ParseNumber(comparison.operand);
@@ -365,8 +371,8 @@ std::optional<std::string> CollectionTest(std::string_view value, const std::vec
     if (operand && Compare(comparison.op, count, *operand)) return std::to_string(count) + std::string(value);
     return std::nullopt;
   }
-  for (const std::string& candidate : candidates)
-    if (!candidate.empty() && ContainsText(candidate, value)) return candidate;
+  for (std::string_view candidate : candidates)
+    if (!candidate.empty() && ContainsText(candidate, value)) return std::string(candidate);
   return std::nullopt;
 }
 

@@ -63,6 +63,6 @@ bool ContainsText(std::string_view candidate, std::string_view upperValue);
 
 // The collection test: an operator form on the number of elements ("=", "<" or ">" first), or a
 // text search in each candidate in order. Returns the display text of a hit.
-std::optional<std::string> CollectionTest(std::string_view value, const std::vector<std::string>& candidates);
+std::optional<std::string> CollectionTest(std::string_view value, const std::vector<std::string_view>& candidates);
 
 } // namespace kelvo

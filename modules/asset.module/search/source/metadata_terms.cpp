@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 
 #include "asset/search/text_case.h"
 #include "asset/search/value_forms.h"
@@ -27,6 +28,15 @@ struct Candidate {
   std::string text;    // TEXT and STRING_OPERATORS: the candidate as stored
   std::string display; // appended to the reason on a match; may be empty
   std::vector<std::string> versions;
+  // Display texts made only when a value matched: a length label or a byte size.
+  std::optional<LENGTHUNITSYSTEM> lengthUnitSystem;
+  bool byteSize = false;
+
+  std::string_view Display() {
+    if (lengthUnitSystem) display = FormatLengthLabel(real, *lengthUnitSystem);
+    else if (byteSize) display = FormatByteSize(number);
+    return display;
+  }
 };
 
 std::optional<double> NumberOf(const Data& data) {
@@ -104,7 +114,7 @@ Candidate BoxCandidate(const Data& data, LENGTHUNITSYSTEM system) {
   if (inverted || !std::isfinite(edge)) edge = 0.0;
   c.present = true;
   c.real = edge;
-  c.display = FormatLengthLabel(edge, system);
+  c.lengthUnitSystem = system; // the label is made on a match only
   return c;
 }
 
@@ -143,7 +153,7 @@ Result<Candidate> SizeCandidate(const AssetDescription& asset) {
       if (!error) c.number = static_cast<std::int64_t>(std::min<std::uintmax_t>(size, INT64_MAX));
     }
   }
-  c.display = FormatByteSize(c.number);
+  c.byteSize = true; // the text is made on a match only
   return c;
 }
 
@@ -334,12 +344,13 @@ Result<void> EvaluateMetadataTerm(const SearchTerm& term, FILTERKEY key, Evaluat
   if (!candidate.present) return {};
   for (const std::string& v : term.values) {
     if (key == FILTERKEY::VERSION) {
-      if (std::optional<std::string> hit = CollectionTest(v, candidate.versions)) return MarkTerm(term, v, *hit, state);
+      const std::vector<std::string_view> versions(candidate.versions.begin(), candidate.versions.end());
+      if (std::optional<std::string> hit = CollectionTest(v, versions)) return MarkTerm(term, v, *hit, state);
       continue;
     }
     if (!Holds(FormOf(key), v, candidate)) continue;
     const bool shown = FormOf(key) != FORM::BOOLEAN && FormOf(key) != FORM::TEXT;
-    return MarkTerm(term, v, shown ? std::string_view(candidate.display) : std::string_view(), state);
+    return MarkTerm(term, v, shown ? candidate.Display() : std::string_view(), state);
   }
   return {};
 }

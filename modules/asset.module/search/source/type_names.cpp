@@ -68,6 +68,14 @@ TypeName GetAssetTypeName(const Id& assetType) {
   return TypeName{assetType.ToString(), "#$99"};
 }
 
+Result<const TypeName*> GetCachedAssetTypeName(const AssetRepositoryRef& repository, const Id& assetType,
+                                               const Id& assetId, const Id& version, TypeNameCache& cache) {
+  const TypeNameCache::Key key{repository.get(), assetType, assetId, version, false};
+  if (const TypeName* hit = cache.Find(key)) return hit;
+  KELVO_RETURN_ON_ERROR(GetAssetTypeName(repository, assetType, assetId, version, false, &cache));
+  return cache.Find(key);
+}
+
 Result<TypeName> GetAssetTypeName(const AssetRepositoryRef& repository, const AssetType& assetType, const Id& assetId,
                                   const Id& version, bool withParents, TypeNameCache* cache) {
   return GetAssetTypeName(repository, assetType ? assetType->GetId() : Id(), assetId, version, withParents, cache);

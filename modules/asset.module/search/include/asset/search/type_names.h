@@ -64,6 +64,10 @@ Result<TypeName> GetAssetTypeName(const AssetRepositoryRef& repository, const Id
 Result<TypeName> GetAssetTypeName(const AssetRepositoryRef& repository, const AssetType& assetType, const Id& assetId,
                                   const Id& version, bool withParents, TypeNameCache* cache);
 
+// The same through cache, as a pointer into it that stays valid until the cache is cleared.
+Result<const TypeName*> GetCachedAssetTypeName(const AssetRepositoryRef& repository, const Id& assetType,
+                                               const Id& assetId, const Id& version, TypeNameCache& cache);
+
 // The name without its sort prefix, as delivered for display.
 std::string_view StripSortPrefix(std::string_view name);
 
