@@ -39,6 +39,8 @@ std::string ErrorText(const Error& error) { return error.ToString(); }
 
 LanguageRef CurrentLanguage() { return Language::GetCurrentLanguage(); }
 
+} // namespace
+
 std::string ShortVersion(const AssetDescription& d) {
   if (d->IsDeleted()) return "deleted";
   const std::string v = d->GetIdAndVersion().second.ToString();
@@ -56,6 +58,8 @@ std::string NameOf(const AssetDescription& d) {
   auto name = d->GetMetaString(stringkeys::name, CurrentLanguage(), "");
   return name.HasValue() ? *name : d->GetIdAndVersion().first.ToString();
 }
+
+namespace {
 
 std::vector<std::string> SplitList(const std::string& text) {
   std::vector<std::string> items;
