@@ -29,13 +29,25 @@ bool IsAscii(std::string_view text) {
 
 std::string IdUpper(const Id& id) { return ToUpperText(id.View()); }
 
+} // namespace
+
+Result<EntryTexts*> ReadKeywordIds(EvaluationState& state) {
+  EntryTexts& texts = state.Texts();
+  if (!texts.keywordsRead) {
+    KELVO_ASSIGN_OR_RETURN(texts.keywordIds, GetAssetKeywords(state.asset));
+    KELVO_ASSIGN_OR_RETURN(std::optional<DataArray> shared, ReadMeta<DataArray>(state.asset, keywordids::keywords));
+    texts.repositoryKeywordIds = IdsOf(shared);
+    texts.keywordsRead = true;
+  }
+  return &texts;
+}
+
+namespace {
+
 // The keyword ids of the asset: both arrays as one set, user keywords first.
 Result<const std::vector<Id>*> KeywordIds(EvaluationState& state) {
-  if (!state.keywordIds) {
-    KELVO_ASSIGN_OR_RETURN(std::vector<Id> ids, GetAssetKeywords(state.asset));
-    state.keywordIds = std::move(ids);
-  }
-  return &*state.keywordIds;
+  KELVO_ASSIGN_OR_RETURN(EntryTexts* texts, ReadKeywordIds(state));
+  return &texts->keywordIds;
 }
 
 // The repositories that hold a version of the asset, found once per evaluation.
@@ -78,11 +90,9 @@ Result<void> TypeStage(const SearchTerm& term, bool preMatching, EvaluationState
       if (id.find(v) != std::string::npos) return MarkTerm(term, v, {}, state);
     return {};
   }
-  const std::string type = IdUpper(typeId);
   KELVO_ASSIGN_OR_RETURN(std::optional<Id> subtype, ReadMeta<Id>(asset, metaids::subtype));
-  const std::string subtypeText = subtype ? IdUpper(*subtype) : std::string();
   for (const std::string& v : term.values) {
-    if (type.find(v) != std::string::npos || (subtype && subtypeText.find(v) != std::string::npos) ||
+    if (ContainsText(typeId.View(), v) || (subtype && ContainsText(subtype->View(), v)) ||
         (v == "NODE_OM" && typeId == displayids::nodetemplate))
       return MarkTerm(term, v, {}, state);
   }
@@ -108,8 +118,10 @@ Result<std::string_view> DisplayName(EvaluationState& state, const IdAndVersion&
   KELVO_ASSIGN_OR_RETURN(const TypeName* name,
                          GetCachedAssetTypeName(state.LookupRepository(), type, id.first, id.second, state.cache));
   if (keywordName) {
+    // An unnamed keyword asset is named after its type.
+    static const std::string kKeywordTypeName = GetAssetTypeName(KeywordAssetInterface::TypeId()).name;
     if (!name->found) return id.first.View();
-    if (name->name == GetAssetTypeName(type).name) return std::string_view();
+    if (name->name == kKeywordTypeName) return std::string_view();
   }
   return std::string_view(name->name);
 }
@@ -291,10 +303,15 @@ Result<bool> TagMatch(const SearchTerm& term, const std::string& v, std::string_
 Result<void> NameAndTagsStage(const SearchTerm& term, const TagStringGetter& tagStringGetter,
                               EvaluationState& state) {
   const LanguageRef language = Language::GetCurrentLanguage();
-  KELVO_ASSIGN_OR_RETURN(std::string name, state.asset->GetMetaString(stringkeys::name, language, std::string()));
-  std::optional<std::string> tags;
+  EntryTexts& texts = state.Texts();
+  if (texts.language != language) {
+    // Name and tags are kept for one language; both are read again after a change.
+    KELVO_ASSIGN_OR_RETURN(texts.name, state.asset->GetMetaString(stringkeys::name, language, std::string()));
+    texts.tags.reset();
+    texts.language = language;
+  }
   for (const std::string& v : term.values) {
-    if (ContainsText(name, v)) return MarkTerm(term, v, {}, state);
+    if (ContainsText(texts.name, v)) return MarkTerm(term, v, {}, state);
     if (!state.fallbackName) {
       state.fallbackName.emplace();
       if (const LanguageRef fallback = language->GetFallbackLanguage()) {
@@ -304,12 +321,12 @@ Result<void> NameAndTagsStage(const SearchTerm& term, const TagStringGetter& tag
     if (!state.fallbackName->empty() && ContainsText(*state.fallbackName, v))
       return MarkTerm(term, v, {}, state);
     if (!tagStringGetter) continue;
-    if (!tags) {
-      KELVO_ASSIGN_OR_RETURN(tags, tagStringGetter());
+    if (!texts.tags) {
+      KELVO_ASSIGN_OR_RETURN(texts.tags, tagStringGetter());
     }
-    if (tags->empty()) continue;
+    if (texts.tags->empty()) continue;
     // One value per term: a later alternative that matched too would count as a second value.
-    KELVO_ASSIGN_OR_RETURN(bool matched, TagMatch(term, v, *tags, state));
+    KELVO_ASSIGN_OR_RETURN(bool matched, TagMatch(term, v, *texts.tags, state));
     if (matched) return {};
   }
   return {};

@@ -39,9 +39,15 @@ struct EvaluationState {
 
   // Read on first use and kept for the rest of the evaluation.
   std::optional<std::vector<AssetRepositoryRef>> repositorySet;
-  std::optional<std::vector<Id>> keywordIds;
   std::optional<std::string> fallbackName;
   std::vector<std::string> seenTagGroups;
+  EntryTexts* texts = nullptr;
+
+  // The cached texts of the asset, looked up once per evaluation.
+  EntryTexts& Texts() {
+    if (!texts) texts = &cache.Entry(asset);
+    return *texts;
+  }
 
   bool HasTerm(const SearchTerm& term) const;
   void AddTerm(const SearchTerm& term);
@@ -49,6 +55,9 @@ struct EvaluationState {
   // The repository that lookups of names, categories and versions go to.
   AssetRepositoryRef LookupRepository() const;
 };
+
+// The keyword ids of the state's asset, read into the cache's texts of the asset on first use.
+Result<EntryTexts*> ReadKeywordIds(EvaluationState& state);
 
 // Inserts value and term into the state and appends text, when not empty, to reasonText.
 Result<void> MarkTerm(const SearchTerm& term, std::string_view value, std::string_view text, EvaluationState& state);

@@ -152,18 +152,29 @@ Result<bool> SearchFilter::Evaluate(const AssetDescription& asset, std::string& 
   return GuardAllocation([&]() -> Result<bool> {
     EvaluationState state(*this, asset, reasonText, cache);
     const AssetMetaDataRef meta = asset->GetMetaData();
+    const std::vector<Id>* repositoryKeywords = nullptr;
     for (const IndirectMatch& match : _indirectMatches) {
       // A value that can't be read only skips this record.
-      Result<std::optional<Data>> value = meta->Get(match.metaKey);
-      if (value.HasError() || !*value) continue;
       bool listed = false;
-      if (const Id* id = (*value)->GetPtr<Id>()) {
-        listed = *id == match.assetId;
-      } else if (const DataArray* ids = (*value)->GetPtr<DataArray>()) {
-        listed = std::any_of(ids->begin(), ids->end(), [&](const Data& d) {
-          const Id* id = d.GetPtr<Id>();
-          return id && *id == match.assetId;
-        });
+      if (match.isKeyword) {
+        if (!repositoryKeywords) {
+          Result<EntryTexts*> texts = ReadKeywordIds(state);
+          if (texts.HasError()) continue;
+          repositoryKeywords = &(*texts)->repositoryKeywordIds;
+        }
+        listed = std::find(repositoryKeywords->begin(), repositoryKeywords->end(), match.assetId) !=
+                 repositoryKeywords->end();
+      } else {
+        Result<std::optional<Data>> value = meta->Get(match.metaKey);
+        if (value.HasError() || !*value) continue;
+        if (const Id* id = (*value)->GetPtr<Id>()) {
+          listed = *id == match.assetId;
+        } else if (const DataArray* ids = (*value)->GetPtr<DataArray>()) {
+          listed = std::any_of(ids->begin(), ids->end(), [&](const Data& d) {
+            const Id* id = d.GetPtr<Id>();
+            return id && *id == match.assetId;
+          });
+        }
       }
       if (!listed) continue;
       if (match.isKeyword) {

@@ -49,6 +49,12 @@ const TypeName* TypeNameCache::Find(const Key& key) const {
   return it != _names.end() ? &it->second : nullptr;
 }
 
+EntryTexts& TypeNameCache::Entry(const AssetDescription& asset) {
+  EntryTexts& entry = _entries[asset.get()];
+  if (!entry.asset) entry.asset = asset;
+  return entry;
+}
+
 void TypeNameCache::Store(const Key& key, TypeName name) { _names.insert_or_assign(key, std::move(name)); }
 
 std::string_view StripSortPrefix(std::string_view name) { return IsSortPrefix(name) ? name.substr(4) : name; }

@@ -4,6 +4,8 @@
 // a cache that lives for one search walk.
 
 #include <cstddef>
+#include <optional>
+#include <vector>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -21,9 +23,22 @@ struct TypeName {
   friend bool operator==(const TypeName&, const TypeName&) = default;
 };
 
-// Names of assets found during one walk, by repository, type, asset, version and withParents.
-// Not synchronised: it belongs to one job. It may be kept across filter changes of a browser as
-// long as the repositories' content does not change.
+// What filter evaluation reads of every asset it sees, read once per description: the name in
+// a language, the keyword ids of both arrays, the tag string.
+struct EntryTexts {
+  AssetDescription asset; // keeps the description, whose address is the key
+  LanguageRef language;   // of name and tags
+  std::string name;
+  std::optional<std::string> tags;
+  std::vector<Id> keywordIds;           // both arrays, user keywords first, each once
+  std::vector<Id> repositoryKeywordIds; // net.kelvo.asset.keywords alone
+  bool keywordsRead = false;
+};
+
+// Names of assets found during one walk, by repository, type, asset, version and withParents,
+// and the texts of the assets evaluated. Not synchronised: it belongs to one job. It may be kept
+// across filter changes of a browser as long as the repositories' content does not change; a
+// new filter then reads no metadata again.
 class TypeNameCache {
 public:
   struct Key {
@@ -37,9 +52,15 @@ public:
   const TypeName* Find(const Key& key) const;
   void Store(const Key& key, TypeName name);
   std::size_t GetCount() const { return _names.size(); }
-  void Clear() { _names.clear(); }
+  void Clear() {
+    _names.clear();
+    _entries.clear();
+  }
+  // The texts of asset, made on first use (empty, to be filled by the caller).
+  EntryTexts& Entry(const AssetDescription& asset);
 
 private:
+  std::unordered_map<const void*, EntryTexts> _entries;
   struct KeyHash {
     std::size_t operator()(const Key& key) const;
   };
