@@ -168,13 +168,17 @@ Result<void> KeywordsStage(const SearchTerm& term, FILTERKEY key, bool preMatchi
   // and so pass every asset tagged with it: counts are only taken of the evaluated asset.
   const bool counts = !preMatching && std::any_of(term.values.begin(), term.values.end(), IsCountForm);
   if (ids->empty() && !counts) return {};
-  std::vector<std::string_view> names;
-  names.reserve(ids->size());
-  for (const Id& id : *ids) {
-    KELVO_ASSIGN_OR_RETURN(std::string_view name,
-                           DisplayName(state, IdAndVersion{id, Id()}, KeywordAssetInterface::TypeId(), true));
-    names.push_back(name);
+  EntryTexts& texts = state.Texts();
+  if (!texts.keywordNamesRead) {
+    texts.keywordNames.clear();
+    for (const Id& id : *ids) {
+      KELVO_ASSIGN_OR_RETURN(std::string_view name,
+                             DisplayName(state, IdAndVersion{id, Id()}, KeywordAssetInterface::TypeId(), true));
+      texts.keywordNames.push_back(name);
+    }
+    texts.keywordNamesRead = true;
   }
+  const std::vector<std::string_view>& names = texts.keywordNames;
   return MarkFirst(term, state, [&](const std::string& v) -> Result<std::optional<std::string>> {
     if (preMatching && IsCountForm(v)) return std::optional<std::string>();
     return CollectionTest(v, names);

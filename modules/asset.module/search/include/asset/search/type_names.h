@@ -33,6 +33,9 @@ struct EntryTexts {
   std::vector<Id> keywordIds;           // both arrays, user keywords first, each once
   std::vector<Id> repositoryKeywordIds; // net.kelvo.asset.keywords alone
   bool keywordsRead = false;
+  // The names searched for each keyword id, views into the names of the cache.
+  std::vector<std::string_view> keywordNames;
+  bool keywordNamesRead = false;
 };
 
 // Names of assets found during one walk, by repository, type, asset, version and withParents,
