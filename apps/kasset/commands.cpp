@@ -14,6 +14,7 @@
 #include "asset/types/keyword_asset.h"
 #include "check_commands.h"
 #include "db_commands.h"
+#include "find_commands.h"
 #include "watch_commands.h"
 #include "types_commands.h"
 #include "remote_commands.h"
@@ -38,6 +39,8 @@ std::string ErrorText(const Error& error) { return error.ToString(); }
 
 LanguageRef CurrentLanguage() { return Language::GetCurrentLanguage(); }
 
+} // namespace
+
 std::string ShortVersion(const AssetDescription& d) {
   if (d->IsDeleted()) return "deleted";
   const std::string v = d->GetIdAndVersion().second.ToString();
@@ -56,11 +59,7 @@ std::string NameOf(const AssetDescription& d) {
   return name.HasValue() ? *name : d->GetIdAndVersion().first.ToString();
 }
 
-// "file" -> net.kelvo.assettype.file; a dotted Id stays as it is.
-Id TypeIdOf(const std::string& text) {
-  if (text.find('.') != std::string::npos) return Id(text);
-  return Id("net.kelvo.assettype." + text);
-}
+namespace {
 
 std::vector<std::string> SplitList(const std::string& text) {
   std::vector<std::string> items;
@@ -297,57 +296,6 @@ int CmdAdd(const CommandLine& line, Session& session) {
   return EXIT_OK;
 }
 
-int CmdFind(const CommandLine& line, Session& session) {
-  TypeArray types;
-  for (const std::string& t : line.GetAll("type")) types.push_back(TypeIdOf(t));
-  Id aid;
-  ASSET_FIND_MODE mode = line.Has("all-versions") ? ALL : LATEST;
-  if (line.Has("id") && line.Has("prefix")) return Fail(EXIT_USAGE, "--id and --prefix exclude each other");
-  if (auto v = line.Get("id")) aid = Id(*v);
-  if (auto v = line.Get("prefix")) {
-    aid = Id(*v);
-    mode = mode | PREFIX;
-  }
-  if (line.Has("deleted")) mode = mode | WITH_DELETED;
-  const bool showInternal = line.Has("all") || !types.empty();
-
-  std::vector<AssetDescription> found;
-  auto r = session.repository->FindAssets(types, aid, Id(), mode, [&](const AssetDescription& d) -> Result<bool> {
-    if (!showInternal && d->GetTypeId() == g_databaseAssetTypeId) return true;
-    found.push_back(d);
-    return true;
-  });
-  if (r.HasError()) return Fail(EXIT_FAILED, ErrorText(r.GetError()));
-  std::vector<std::pair<std::string, AssetDescription>> rows;
-  for (const AssetDescription& d : found) rows.emplace_back(NameOf(d), d);
-  std::stable_sort(rows.begin(), rows.end(), [](const auto& a, const auto& b) {
-    if (a.second->GetIdAndVersion().first != b.second->GetIdAndVersion().first) {
-      if (a.first != b.first) return a.first < b.first;
-      return a.second->GetIdAndVersion().first < b.second->GetIdAndVersion().first;
-    }
-    return a.second->GetKey() < b.second->GetKey();
-  });
-  if (rows.empty()) {
-    if (!aid.IsEmpty()) return Fail(EXIT_NOT_FOUND, "no asset matches " + aid.ToString());
-    Note("no assets");
-    return EXIT_OK;
-  }
-  if (line.Has("ids")) {
-    Id last;
-    for (const auto& [name, d] : rows) {
-      if (d->GetIdAndVersion().first == last) continue;
-      last = d->GetIdAndVersion().first;
-      std::cout << last.ToString() << "\n";
-    }
-    return EXIT_OK;
-  }
-  Table table;
-  table.AddRow({"ID", "VERSION", "DATE", "NAME"});
-  for (const auto& [name, d] : rows) table.AddRow({d->GetIdAndVersion().first.ToString(), ShortVersion(d), DateOf(d), name});
-  std::cout << table.Format();
-  return EXIT_OK;
-}
-
 int CmdShow(const CommandLine& line, Session& session) {
   const std::string aid = line.args[0];
   auto versions = AllVersions(session.repository, Id(aid), false);
@@ -566,15 +514,6 @@ const std::vector<OptionSpec>& GetGlobalOptions() {
 }
 
 const std::vector<CommandSpec>& GetCommands() {
-  // ls and find select assets alike.
-  static const std::vector<OptionSpec> findOptions{
-      {"type", "TYPE", "only assets of this type: file, database or a full type Id (repeatable)", true},
-      {"id", "ID", "only the asset with this Id"},
-      {"prefix", "TEXT", "only assets whose Id begins with TEXT"},
-      {"all-versions", "", "every stored version instead of the latest one"},
-      {"deleted", "", "include deleted assets and deletion marks"},
-      {"all", "", "include the repository's own information assets"},
-      {"ids", "", "print only the asset Ids, one per line"}};
   static const std::vector<CommandSpec> commands{
       {"init", "[DIR]", 0, 1, "Create an asset repository in DIR (default: --repo, else the current directory).",
        "DIR is created when missing. Running init on an existing repository changes nothing.", {}},
@@ -585,11 +524,6 @@ const std::vector<CommandSpec>& GetCommands() {
        {{"name", "NAME", "the asset's name (default: the file's name)"},
         {"keywords", "A,B", "keywords stored with the asset, separated by commas"},
         {"id", "ID", "store under this asset Id (one FILE only); an existing asset gets a new version"}}},
-      {"ls", "", 0, 0, "List the latest version of every asset (same options as find).", "", findOptions},
-      {"find", "", 0, 0, "Find assets by type, Id or Id prefix.",
-       "Prints ID, VERSION (the first 12 characters of the version Id), DATE and NAME. Exits with 3\n"
-       "when --id or --prefix matches nothing.",
-       findOptions},
       {"show", "ID", 1, 1, "Show an asset: its versions and the metadata of its latest version.",
        "A VERSION may be abbreviated to its first characters (at least 4) when that is unambiguous.",
        {{"version", "VERSION", "show the metadata of this version"}}},
@@ -615,6 +549,7 @@ const std::vector<CommandSpec>& GetCommands() {
   };
   static const std::vector<CommandSpec> all = [] {
     std::vector<CommandSpec> v = commands;
+    v.insert(v.begin() + 2, GetFindCommands().begin(), GetFindCommands().end());
     v.insert(v.end(), GetDbCommands().begin(), GetDbCommands().end());
     v.insert(v.end(), GetWatchCommands().begin(), GetWatchCommands().end());
     v.insert(v.end(), GetTypesCommands().begin(), GetTypesCommands().end());
@@ -655,7 +590,7 @@ int RunCommand(const CommandLine& line, Session& session) {
   const std::string& c = line.command;
   if (c == "init") return CmdInit(line, session);
   if (c == "add") return CmdAdd(line, session);
-  if (c == "ls" || c == "find") return CmdFind(line, session);
+  if (IsFindCommand(c)) return RunFindCommand(line, session);
   if (c == "show") return CmdShow(line, session);
   if (c == "cat") return CmdCat(line, session);
   if (c == "export") return CmdExport(line, session);

@@ -34,6 +34,12 @@ int RunCommand(const CommandLine& line, Session& session);
 int OpenRepositoryDirectory(const std::string& dir, bool writable, kelvo::AssetRepositoryRef& repository,
                             bool mustExist = true);
 
+// The columns of an asset listing: the first 12 characters of the version Id ("deleted" for a
+// deletion mark), the local time of the version's time stamp ("-" without one), and the name.
+std::string ShortVersion(const kelvo::AssetDescription& d);
+std::string DateOf(const kelvo::AssetDescription& d);
+std::string NameOf(const kelvo::AssetDescription& d);
+
 // An absolute, normal form of a path given on the command line.
 std::string AbsolutePath(const std::string& path);
 

@@ -64,6 +64,22 @@ const std::vector<KeyEntry>& KeyTable() {
 
 } // namespace
 
+FILTERKEY GetFilterKey(const Id& metaId) {
+  using namespace filterids;
+  // The rows in FILTERKEY order, from TYPE on.
+  static const Id* const rows[] = {
+      &subtype, &name, &annotations, &assetid, &dependencies, &dependencycount, &categoryid, &keywords, &keywordid,
+      &keywordcount, &lastusedate, &usecount, &database, &databasetype, &size, &installed, &downloading, &protected_,
+      &favorite, &versiontag, &versioncount, &timestamp, &previewimageurl, &previewanimurl, &fps, &animlength,
+      &bitdepth, &pixelformat, &colorprofile, &resolution, &alphachannels, &fileformatversion, &fileformat,
+      &pointcount, &polygoncount, &geometryobjectcount, &materialcount, &boundingbox, &proxygeometry, &scope};
+  static_assert(sizeof rows / sizeof rows[0] == static_cast<std::size_t>(FILTERKEY::SCOPE), "one row per key");
+  if (metaId.IsEmpty()) return FILTERKEY::TEXT;
+  for (std::size_t i = 0; i < sizeof rows / sizeof rows[0]; ++i)
+    if (*rows[i] == metaId) return static_cast<FILTERKEY>(i + 1);
+  return FILTERKEY::TEXT;
+}
+
 const Id* FindFilterKey(std::string_view upperKey) {
   const auto& table = KeyTable();
   auto it = std::lower_bound(table.begin(), table.end(), upperKey,

@@ -1,7 +1,13 @@
 #include "asset/search/search_filter.h"
 
+#include <algorithm>
+
 #include "allocation_guard.h"
+#include "asset/search/display_strings.h"
 #include "asset/search/filter_keys.h"
+#include "asset/types/keyword_asset.h"
+#include "asset/types/marker_assets.h"
+#include "filter_evaluation.h"
 #include "asset/search/length_formula.h"
 #include "asset/search/text_case.h"
 
@@ -50,10 +56,14 @@ Result<void> SearchFilter::Parse(std::string_view text) {
   return GuardAllocation([&]() -> Result<void> {
     _filterText.assign(text);
     _terms.clear();
+    _indirectMatches.clear();
+    _matchedCategories.clear();
     _typeFilterNode = _typeFilterModel = _typeFilterMaterial = _typeFilterScene = _typeFilterPreset = false;
     const std::string upper = ToUpperText(TrimText(text));
     std::size_t typeTerm = kNoTerm;
     ForEachPair(upper, [&](std::string_view key, std::string_view value) { AddTerm(key, value, typeTerm); });
+    _termKeys.clear();
+    for (const SearchTerm& term : _terms) _termKeys.push_back(GetFilterKey(term.metaId));
     return Result<void>();
   });
 }
@@ -101,6 +111,86 @@ void SearchFilter::RewriteTypeValue(std::string& value) {
   } else if (v.starts_with("NET.KELVO.ASSETTYPE.PRESET.")) {
     _typeFilterPreset = true;
   }
+}
+
+Result<void> SearchFilter::Parse(const AssetRepositoryRef& repository, std::string_view text) {
+  KELVO_RETURN_ON_ERROR(Parse(text));
+  _repository = repository;
+  if (_terms.empty() || !repository) return {};
+  Result<void> found = GuardAllocation([&] { return FindIndirectMatches(); });
+  if (found.HasError()) _indirectMatches.clear();
+  return found;
+}
+
+Result<void> SearchFilter::FindIndirectMatches() {
+  const TypeArray types{KeywordAssetInterface::TypeId(), SubTypeAssetInterface::TypeId()};
+  TypeNameCache cache;
+  KELVO_RETURN_ON_ERROR(_repository->FindAssets(types, Id(), Id(), LATEST | RANDOMIZED_ORDER | CHECK_CANCELLATION,
+                   [&](const AssetDescription& asset) -> Result<bool> {
+                     const bool isKeyword = asset->GetTypeId() == KeywordAssetInterface::TypeId();
+                     std::string reason;
+                     EvaluationState state(*this, asset, reason, cache);
+                     KELVO_RETURN_ON_ERROR(
+                         EvaluateTerms(state, isKeyword ? METAID_KEYWORDS : METAID_SUBTYPE, true, nullptr));
+                     if (state.matchedValues.empty()) return true;
+                     IndirectMatch match;
+                     match.assetType = asset->GetTypeId();
+                     match.assetId = asset->GetIdAndVersion().first;
+                     match.metaKey = isKeyword ? keywordids::keywords : InternedId(filterids::subtype);
+                     match.isKeyword = isKeyword;
+                     match.matchedTerms = std::move(state.matchedTerms);
+                     match.matchedValues.assign(state.matchedValues.begin(), state.matchedValues.end());
+                     _indirectMatches.push_back(std::move(match));
+                     return true;
+                   }));
+  return {};
+}
+
+Result<bool> SearchFilter::Evaluate(const AssetDescription& asset, std::string& reasonText, TypeNameCache& cache) const {
+  if (_terms.empty() || !asset) return true;
+  if (!_matchedCategories.empty() && _matchedCategories.count(asset->GetIdAndVersion().first)) return false;
+  return GuardAllocation([&]() -> Result<bool> {
+    EvaluationState state(*this, asset, reasonText, cache);
+    const AssetMetaDataRef meta = asset->GetMetaData();
+    const std::vector<Id>* repositoryKeywords = nullptr;
+    for (const IndirectMatch& match : _indirectMatches) {
+      // A value that can't be read only skips this record.
+      bool listed = false;
+      if (match.isKeyword) {
+        if (!repositoryKeywords) {
+          Result<EntryTexts*> texts = ReadKeywordIds(state);
+          if (texts.HasError()) continue;
+          repositoryKeywords = &(*texts)->repositoryKeywordIds;
+        }
+        listed = std::find(repositoryKeywords->begin(), repositoryKeywords->end(), match.assetId) !=
+                 repositoryKeywords->end();
+      } else {
+        Result<std::optional<Data>> value = meta->Get(match.metaKey);
+        if (value.HasError() || !*value) continue;
+        if (const Id* id = (*value)->GetPtr<Id>()) {
+          listed = *id == match.assetId;
+        } else if (const DataArray* ids = (*value)->GetPtr<DataArray>()) {
+          listed = std::any_of(ids->begin(), ids->end(), [&](const Data& d) {
+            const Id* id = d.GetPtr<Id>();
+            return id && *id == match.assetId;
+          });
+        }
+      }
+      if (!listed) continue;
+      if (match.isKeyword) {
+        KELVO_ASSIGN_OR_RETURN(TypeName name, GetAssetTypeName(state.LookupRepository(), match.assetType,
+                                                               match.assetId, Id(), false, &cache));
+        reasonText = name.name;
+      }
+      for (const SearchTerm* term : match.matchedTerms) state.AddTerm(*term);
+      for (const std::string& value : match.matchedValues) state.AddValue(value);
+    }
+    if (state.matchedValues.size() != _terms.size()) {
+      const TagStringGetter tags = [&asset] { return GetTagStrings(asset); };
+      KELVO_RETURN_ON_ERROR(EvaluateTerms(state, METAID_NAME | METAID_KEYWORDS | METAID_USERKEYWORDS, false, tags));
+    }
+    return state.matchedValues.size() != _terms.size();
+  });
 }
 
 } // namespace kelvo

@@ -1,0 +1,445 @@
+#include "filter_evaluation.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+#include "asset/search/display_strings.h"
+#include "asset/search/text_case.h"
+#include "asset/search/value_forms.h"
+#include "asset/types/category_asset.h"
+#include "asset/types/command_asset.h"
+#include "asset/types/keyword_asset.h"
+#include "asset/types/marker_assets.h"
+#include "asset/types/metadata_asset_type.h"
+#include "asset/watchfolder/filewatchassetrepository.h"
+#include "metadata_terms.h"
+
+namespace kelvo {
+namespace {
+
+const Id kUncategorized{"net.kelvo.assetcategory.uncategorized"};
+constexpr std::string_view kScopePrefix = "net.kelvo.asset.command.scope.";
+constexpr std::string_view kDisplayablePrefix = "$%$";
+
+bool IsAscii(std::string_view text) {
+  for (char c : text)
+    if (static_cast<unsigned char>(c) >= 0x80) return false;
+  return true;
+}
+
+std::string IdUpper(const Id& id) { return ToUpperText(id.View()); }
+
+} // namespace
+
+Result<EntryTexts*> ReadKeywordIds(EvaluationState& state) {
+  EntryTexts& texts = state.Texts();
+  if (!texts.keywordsRead) {
+    KELVO_ASSIGN_OR_RETURN(texts.keywordIds, GetAssetKeywords(state.asset));
+    KELVO_ASSIGN_OR_RETURN(std::optional<DataArray> shared, ReadMeta<DataArray>(state.asset, keywordids::keywords));
+    texts.repositoryKeywordIds = IdsOf(shared);
+    texts.keywordsRead = true;
+  }
+  return &texts;
+}
+
+namespace {
+
+// The keyword ids of the asset: both arrays as one set, user keywords first.
+Result<const std::vector<Id>*> KeywordIds(EvaluationState& state) {
+  KELVO_ASSIGN_OR_RETURN(EntryTexts* texts, ReadKeywordIds(state));
+  return &texts->keywordIds;
+}
+
+// The repositories that hold a version of the asset, found once per evaluation.
+Result<const std::vector<AssetRepositoryRef>*> RepositorySet(EvaluationState& state) {
+  if (!state.repositorySet) {
+    std::vector<AssetRepositoryRef> repositories;
+    const AssetRepositoryRef lookup = state.LookupRepository();
+    if (lookup) {
+      const IdAndVersion aid = state.asset->GetIdAndVersion();
+      KELVO_RETURN_ON_ERROR(lookup->FindAssets(
+          TypeArray{state.asset->GetTypeId()}, aid.first, aid.second, ALL,
+          [&](const AssetDescription& found) -> Result<bool> {
+            AssetRepositoryRef repository = found->GetRepository();
+            if (repository && std::find(repositories.begin(), repositories.end(), repository) == repositories.end())
+              repositories.push_back(std::move(repository));
+            return true;
+          }));
+    }
+    state.repositorySet = std::move(repositories);
+  }
+  return &*state.repositorySet;
+}
+
+bool IsInSet(FILTERKEY key, std::uint32_t metaIdSet) {
+  switch (key) {
+  case FILTERKEY::NAME: return metaIdSet & METAID_NAME;
+  case FILTERKEY::KEYWORD: return metaIdSet & METAID_KEYWORDS;
+  case FILTERKEY::TYPE: return metaIdSet & METAID_SUBTYPE;
+  default: return false;
+  }
+}
+
+Result<void> TypeStage(const SearchTerm& term, bool preMatching, EvaluationState& state) {
+  const AssetDescription& asset = state.asset;
+  const Id typeId = asset->GetTypeId();
+  if (preMatching) {
+    if (typeId != SubTypeAssetInterface::TypeId()) return {};
+    const std::string id = IdUpper(asset->GetIdAndVersion().first);
+    for (const std::string& v : term.values)
+      if (id.find(v) != std::string::npos) return MarkTerm(term, v, {}, state);
+    return {};
+  }
+  KELVO_ASSIGN_OR_RETURN(std::optional<Id> subtype, ReadMeta<Id>(asset, metaids::subtype));
+  for (const std::string& v : term.values) {
+    if (ContainsText(typeId.View(), v) || (subtype && ContainsText(subtype->View(), v)) ||
+        (v == "NODE_OM" && typeId == displayids::nodetemplate))
+      return MarkTerm(term, v, {}, state);
+  }
+  return {};
+}
+
+Result<void> TextStage(const SearchTerm& term, std::string_view candidate, EvaluationState& state) {
+  for (const std::string& v : term.values)
+    if (ContainsText(candidate, v)) return MarkTerm(term, v, {}, state);
+  return {};
+}
+
+Result<void> AssetIdStage(const SearchTerm& term, EvaluationState& state) {
+  const IdAndVersion aid = state.asset->GetIdAndVersion();
+  const std::string text = aid.first.ToString() + "/" + aid.second.ToString();
+  return TextStage(term, text, state);
+}
+
+// The display name of a dependency or keyword. With keywordName: a keyword without a name of its
+// own gives no candidate, and one without a keyword asset (tagged by id alone) is named by its id.
+Result<std::string_view> DisplayName(EvaluationState& state, const IdAndVersion& id, const Id& type,
+                                     bool keywordName) {
+  KELVO_ASSIGN_OR_RETURN(const TypeName* name,
+                         GetCachedAssetTypeName(state.LookupRepository(), type, id.first, id.second, state.cache));
+  if (keywordName) {
+    // An unnamed keyword asset is named after its type.
+    static const std::string kKeywordTypeName = GetAssetTypeName(KeywordAssetInterface::TypeId()).name;
+    if (!name->found) return id.first.View();
+    if (name->name == kKeywordTypeName) return std::string_view();
+  }
+  return std::string_view(name->name);
+}
+
+Result<std::vector<std::string_view>> DisplayNames(EvaluationState& state, const std::vector<IdAndVersion>& ids,
+                                                   const std::vector<Id>& types) {
+  std::vector<std::string_view> names;
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    KELVO_ASSIGN_OR_RETURN(std::string_view name, DisplayName(state, ids[i], types[i], false));
+    names.push_back(name);
+  }
+  return names;
+}
+
+// Marks term with the first value for which test gives a display text.
+template <typename Test> Result<void> MarkFirst(const SearchTerm& term, EvaluationState& state, Test&& test) {
+  for (const std::string& v : term.values) {
+    KELVO_ASSIGN_OR_RETURN(std::optional<std::string> text, test(v));
+    if (text) return MarkTerm(term, v, *text, state);
+  }
+  return {};
+}
+
+// "<id>:<count>" when a value compares true with count as a number.
+Result<void> CountStage(const SearchTerm& term, std::size_t count, EvaluationState& state) {
+  return MarkFirst(term, state, [&](const std::string& v) -> Result<std::optional<std::string>> {
+    const std::optional<ValueComparison> comparison = SplitNumericComparison(v);
+    if (!comparison) return std::optional<std::string>();
+    const std::optional<std::int64_t> operand = ParseNumber(comparison->operand);
+    if (!operand || !Compare(comparison->op, static_cast<std::int64_t>(count), *operand))
+      return std::optional<std::string>();
+    return std::optional<std::string>(term.metaId.ToString() + ":" + std::to_string(count));
+  });
+}
+
+bool IsCountForm(std::string_view value) {
+  return value.starts_with('=') || value.starts_with('<') || value.starts_with('>');
+}
+
+Result<void> KeywordsStage(const SearchTerm& term, FILTERKEY key, bool preMatching, EvaluationState& state) {
+  KELVO_ASSIGN_OR_RETURN(const std::vector<Id>* ids, KeywordIds(state));
+  if (key == FILTERKEY::KEYWORDCOUNT) return CountStage(term, ids->size(), state);
+  // While keyword assets are matched, a count form would count the keywords of the keyword asset
+  // and so pass every asset tagged with it: counts are only taken of the evaluated asset.
+  const bool counts = !preMatching && std::any_of(term.values.begin(), term.values.end(), IsCountForm);
+  if (ids->empty() && !counts) return {};
+  EntryTexts& texts = state.Texts();
+  if (!texts.keywordNamesRead) {
+    texts.keywordNames.clear();
+    for (const Id& id : *ids) {
+      KELVO_ASSIGN_OR_RETURN(std::string_view name,
+                             DisplayName(state, IdAndVersion{id, Id()}, KeywordAssetInterface::TypeId(), true));
+      texts.keywordNames.push_back(name);
+    }
+    texts.keywordNamesRead = true;
+  }
+  const std::vector<std::string_view>& names = texts.keywordNames;
+  return MarkFirst(term, state, [&](const std::string& v) -> Result<std::optional<std::string>> {
+    if (preMatching && IsCountForm(v)) return std::optional<std::string>();
+    return CollectionTest(v, names);
+  });
+}
+
+Result<void> KeywordIdStage(const SearchTerm& term, EvaluationState& state) {
+  KELVO_ASSIGN_OR_RETURN(const std::vector<Id>* ids, KeywordIds(state));
+  std::vector<std::string_view> candidates;
+  for (const Id& id : *ids) candidates.push_back(id.View());
+  return MarkFirst(term, state, [&](const std::string& v) -> Result<std::optional<std::string>> {
+    return CollectionTest(v, candidates);
+  });
+}
+
+Result<void> DependenciesStage(const SearchTerm& term, FILTERKEY key, EvaluationState& state) {
+  KELVO_ASSIGN_OR_RETURN(std::optional<DataArray> array, ReadMeta<DataArray>(state.asset, metaids::dependencies));
+  std::vector<IdAndVersion> ids;
+  std::vector<Id> types;
+  if (array)
+    for (const Data& entry : *array)
+      if (const auto* dependency = entry.GetPtr<AssetDependencyStruct>()) {
+        ids.push_back(dependency->assetIdAndVersion);
+        types.push_back(dependency->assetTypeId);
+      }
+  if (ids.empty()) return {};
+  if (key == FILTERKEY::DEPENDENCYCOUNT) return CountStage(term, ids.size(), state);
+  KELVO_ASSIGN_OR_RETURN(std::vector<std::string_view> names, DisplayNames(state, ids, types));
+  std::vector<std::string_view> idTexts;
+  for (const IdAndVersion& id : ids) idTexts.push_back(id.first.View());
+  return MarkFirst(term, state, [&](const std::string& v) -> Result<std::optional<std::string>> {
+    if (std::optional<std::string> hit = CollectionTest(v, names)) return hit;
+    return CollectionTest(v, idTexts);
+  });
+}
+
+Result<void> CategoryIdStage(const SearchTerm& term, EvaluationState& state) {
+  if (state.asset->GetTypeId() == CategoryAssetInterface::TypeId()) return {};
+  const AssetRepositoryRef repository = state.LookupRepository();
+  AssetDescription current = state.asset;
+  // Stored parent links may form a cycle; the walk ends at a category met before.
+  std::unordered_set<Id> seen;
+  while (current) {
+    KELVO_ASSIGN_OR_RETURN(Id category, CategoryAssetInterface::GetParentCategory(current));
+    // Only the asset itself is uncategorized without a category; a top category ends the walk.
+    if (category.IsEmpty()) {
+      if (current != state.asset) break;
+      category = kUncategorized;
+    }
+    const std::string upper = IdUpper(category);
+    for (const std::string& v : term.values)
+      if (upper.find(v) != std::string::npos) return MarkTerm(term, v, {}, state);
+    if (category == kUncategorized || !repository || !seen.insert(category).second) break;
+    KELVO_ASSIGN_OR_RETURN(current, repository->FindLatestAsset(CategoryAssetInterface::TypeId(), category, Id(),
+                                                                LATEST | CHECK_CANCELLATION));
+  }
+  return {};
+}
+
+Result<void> DatabaseStage(const SearchTerm& term, bool byType, EvaluationState& state) {
+  const LanguageRef language = Language::GetCurrentLanguage();
+  for (const std::string& v : term.values) {
+    if (v.empty()) continue;
+    KELVO_ASSIGN_OR_RETURN(const std::vector<AssetRepositoryRef>* repositories, RepositorySet(state));
+    for (const AssetRepositoryRef& repository : *repositories) {
+      std::string name;
+      if (byType) {
+        name = dynamic_cast<const FileWatchAssetRepositoryImpl*>(repository.get()) ? "WATCHFOLDER" : "DATABASE";
+      } else {
+        KELVO_ASSIGN_OR_RETURN(std::string shown, repository->GetRepositoryName(language, false));
+        name = ToUpperText(shown);
+      }
+      if (name.find(v) != std::string::npos || IdUpper(repository->GetId()).find(v) != std::string::npos)
+        return MarkTerm(term, v, {}, state);
+    }
+  }
+  return {};
+}
+
+Result<void> ScopeStage(const SearchTerm& term, EvaluationState& state) {
+  KELVO_ASSIGN_OR_RETURN(std::vector<Id> scopes, CommandAssetInterface::GetCommandScopes(state.asset));
+  std::vector<std::string> candidates;
+  for (const Id& scope : scopes) {
+    candidates.push_back(IdUpper(scope));
+    if (scope.View().starts_with(kScopePrefix)) candidates.push_back(ToUpperText(scope.View().substr(kScopePrefix.size())));
+  }
+  if (scopes.empty()) {
+    KELVO_ASSIGN_OR_RETURN(std::optional<std::string> legacy, ReadMeta<std::string>(state.asset, commandids::legacyscope));
+    candidates.push_back(ToUpperText(legacy.value_or(std::string())));
+  }
+  for (const std::string& v : term.values)
+    for (const std::string& candidate : candidates)
+      if (candidate.find(v) != std::string::npos) return MarkTerm(term, v, {}, state);
+  return {};
+}
+
+// The tag match of one value: the shortest synonym of each group that contains it wins.
+Result<bool> TagMatch(const SearchTerm& term, const std::string& v, std::string_view tags, EvaluationState& state) {
+  for (std::size_t groupStart = 0; groupStart <= tags.size();) {
+    std::size_t groupEnd = tags.find(';', groupStart);
+    if (groupEnd == std::string_view::npos) groupEnd = tags.size();
+    const std::string_view group = TrimText(tags.substr(groupStart, groupEnd - groupStart));
+    groupStart = groupEnd + 1;
+    std::string_view winner;
+    for (std::size_t start = 0; start <= group.size();) {
+      std::size_t end = group.find(',', start);
+      if (end == std::string_view::npos) end = group.size();
+      const std::string_view synonym = TrimText(group.substr(start, end - start));
+      start = end + 1;
+      if (!synonym.empty() && ContainsText(synonym, v) && (winner.empty() || synonym.size() < winner.size()))
+        winner = synonym;
+    }
+    if (winner.empty()) continue;
+    const bool displayable = winner.starts_with(kDisplayablePrefix);
+    if (displayable) winner.remove_prefix(kDisplayablePrefix.size());
+    state.AddValue(v);
+    if (std::find(state.seenTagGroups.begin(), state.seenTagGroups.end(), group) != state.seenTagGroups.end())
+      return true;
+    state.seenTagGroups.emplace_back(group);
+    KELVO_RETURN_ON_ERROR(MarkTerm(term, v, displayable ? winner : std::string_view(), state));
+    return true;
+  }
+  return false;
+}
+
+Result<void> NameAndTagsStage(const SearchTerm& term, const TagStringGetter& tagStringGetter,
+                              EvaluationState& state) {
+  const LanguageRef language = Language::GetCurrentLanguage();
+  EntryTexts& texts = state.Texts();
+  if (texts.language != language) {
+    // Name and tags are kept for one language; both are read again after a change.
+    KELVO_ASSIGN_OR_RETURN(texts.name, state.asset->GetMetaString(stringkeys::name, language, std::string()));
+    texts.tags.reset();
+    texts.language = language;
+  }
+  for (const std::string& v : term.values) {
+    if (ContainsText(texts.name, v)) return MarkTerm(term, v, {}, state);
+    if (!state.fallbackName) {
+      state.fallbackName.emplace();
+      if (const LanguageRef fallback = language->GetFallbackLanguage()) {
+        KELVO_ASSIGN_OR_RETURN(*state.fallbackName, GetStoredName(state.asset, fallback));
+      }
+    }
+    if (!state.fallbackName->empty() && ContainsText(*state.fallbackName, v))
+      return MarkTerm(term, v, {}, state);
+    if (!tagStringGetter) continue;
+    if (!texts.tags) {
+      KELVO_ASSIGN_OR_RETURN(texts.tags, tagStringGetter());
+    }
+    if (texts.tags->empty()) continue;
+    // One value per term: a later alternative that matched too would count as a second value.
+    KELVO_ASSIGN_OR_RETURN(bool matched, TagMatch(term, v, *texts.tags, state));
+    if (matched) return {};
+  }
+  return {};
+}
+
+// Runs the stages for one term until one satisfies it.
+Result<void> EvaluateTerm(const SearchTerm& term, FILTERKEY key, EvaluationState& state, std::uint32_t metaIdSet,
+                          bool preMatching, const TagStringGetter& tagStringGetter) {
+  const bool isCategory = state.asset->GetTypeId() == CategoryAssetInterface::TypeId();
+  const auto done = [&] { return state.HasTerm(term); };
+  if (key == FILTERKEY::TYPE) {
+    KELVO_RETURN_ON_ERROR(TypeStage(term, preMatching, state));
+    if (done()) return {};
+  }
+  if (!preMatching) {
+    if (key == FILTERKEY::ANNOTATIONS) {
+      KELVO_ASSIGN_OR_RETURN(std::string annotations,
+                             state.asset->GetMetaString(Id(filterids::annotations), Language::GetCurrentLanguage(),
+                                                        std::string()));
+      return TextStage(term, annotations, state);
+    }
+    if (key == FILTERKEY::ASSETID) return AssetIdStage(term, state);
+    if (!isCategory && (key == FILTERKEY::DEPENDENCY || key == FILTERKEY::DEPENDENCYCOUNT))
+      return DependenciesStage(term, key, state);
+  }
+  if ((key == FILTERKEY::TEXT || key == FILTERKEY::KEYWORD || (!preMatching && key == FILTERKEY::KEYWORDCOUNT)) &&
+      (metaIdSet & METAID_KEYWORDS)) {
+    KELVO_RETURN_ON_ERROR(KeywordsStage(term, key, preMatching, state));
+    if (done()) return {};
+  }
+  if (!preMatching && key == FILTERKEY::CATEGORYID) return CategoryIdStage(term, state);
+  if (key == FILTERKEY::KEYWORDID) return KeywordIdStage(term, state);
+  if (!preMatching) {
+    if (!isCategory && IsMetadataTerm(key)) return EvaluateMetadataTerm(term, key, state);
+    if (key == FILTERKEY::DATABASETYPE) return DatabaseStage(term, true, state);
+    if (key == FILTERKEY::SCOPE) {
+      if (state.asset->GetTypeId() == CommandAssetInterface::TypeId()) return ScopeStage(term, state);
+      return {};
+    }
+    if (key == FILTERKEY::DATABASE) return DatabaseStage(term, false, state);
+  }
+  if (key == FILTERKEY::TEXT || (!preMatching && key == FILTERKEY::NAME) || (preMatching && IsInSet(key, metaIdSet)))
+    return NameAndTagsStage(term, tagStringGetter, state);
+  return {};
+}
+
+} // namespace
+
+bool ContainsText(std::string_view candidate, std::string_view upperValue) {
+  if (IsAscii(candidate)) return FindIgnoringCase(candidate, upperValue) != std::string_view::npos;
+  return ToUpperText(candidate).find(upperValue) != std::string::npos;
+}
+
+std::optional<std::string> CollectionTest(std::string_view value, const std::vector<std::string_view>& candidates) {
+  if (value.starts_with('=') || value.starts_with('<') || value.starts_with('>')) {
+    const ValueComparison comparison = SplitComparison(value);
+    const std::optional<std::int64_t> operand = ParseNumber(comparison.operand);
+    const auto count = static_cast<std::int64_t>(candidates.size());
+    if (operand && Compare(comparison.op, count, *operand)) return std::to_string(count) + std::string(value);
+    return std::nullopt;
+  }
+  for (std::string_view candidate : candidates)
+    if (!candidate.empty() && ContainsText(candidate, value)) return std::string(candidate);
+  return std::nullopt;
+}
+
+bool EvaluationState::HasTerm(const SearchTerm& term) const {
+  return std::any_of(matchedTerms.begin(), matchedTerms.end(),
+                     [&](const SearchTerm* t) { return t == &term || *t == term; });
+}
+
+void EvaluationState::AddTerm(const SearchTerm& term) {
+  if (!HasTerm(term)) matchedTerms.push_back(&term);
+}
+
+void EvaluationState::AddValue(std::string_view value) {
+  if (std::find(matchedValues.begin(), matchedValues.end(), value) == matchedValues.end())
+    matchedValues.push_back(value);
+}
+
+AssetRepositoryRef EvaluationState::LookupRepository() const {
+  if (const AssetRepositoryRef& repository = filter.GetRepository()) return repository;
+  return asset->GetRepository();
+}
+
+Result<void> MarkTerm(const SearchTerm& term, std::string_view value, std::string_view text, EvaluationState& state) {
+  state.AddValue(value);
+  state.AddTerm(term);
+  if (!text.empty()) {
+    if (!state.reasonText.empty()) state.reasonText += ", ";
+    state.reasonText += text;
+  }
+  return {};
+}
+
+Result<void> EvaluateTerms(EvaluationState& state, std::uint32_t metaIdSet, bool preMatching,
+                           const TagStringGetter& tagStringGetter) {
+  const std::vector<SearchTerm>& terms = state.filter.GetTerms();
+  const std::vector<FILTERKEY>& keys = state.filter.GetTermKeys();
+  std::size_t previous = 0;
+  for (std::size_t i = 0; i < terms.size(); ++i) {
+    if (!state.HasTerm(terms[i]))
+      KELVO_RETURN_ON_ERROR(EvaluateTerm(terms[i], keys[i], state, metaIdSet, preMatching, tagStringGetter));
+    const std::size_t count = state.matchedValues.size();
+    // The loop ends at the first term that adds nothing.
+    if (count == terms.size() || previous + 1 != count) break;
+    previous = count;
+  }
+  return {};
+}
+
+} // namespace kelvo
