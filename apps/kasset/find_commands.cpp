@@ -7,6 +7,7 @@
 #include <iostream>
 
 #include "asset/search/control_tokens.h"
+#include "asset/storage/database_asset.h"
 #include "asset/search/search_filter.h"
 #include "output.h"
 
