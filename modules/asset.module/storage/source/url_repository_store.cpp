@@ -40,7 +40,7 @@ Result<Data> UrlAssetRepositoryImpl::CreateDataForIdImpl(const Id& aid, const Id
     }
     if (kind == IODETECT::NONE) break;
     if (kind == IODETECT::DIRECTORY) {
-      auto line = ReadFirstLine(dir.Append("asset.info"));
+      auto line = ReadFirstLine(dir.Append("asset.info"), _url);
       if (line && *line == aid.View()) break;
     }
     if (k > 1000) return IllegalStateError("No free directory for asset @ in @.", aid, _url);

@@ -88,8 +88,10 @@ public:
   // The steps of CreateUrlAssetRepository.
   Result<void> Init(const Id& id, const RepositoryArray& bases, const Url& url, const RepositoryOptions& options);
 
-private:
+  // What an opening reads from _index (url_repository_index.h).
   struct LoadedIndex;
+
+private:
   // A metadata file of a version: its metadata Id, kind, whether it is an attached file.
   struct MetaName {
     std::string metaId;
@@ -163,6 +165,17 @@ private:
   bool _tempRepository = false;
   bool _custom = false;
   // Coordination with other processes on the same tree (url_repository_lock.h); made in Init.
+  // The root opened once (O_PATH) for the checks that no version directory lies behind a link.
+  struct RootDescriptor {
+    int fd = -1;
+    RootDescriptor() = default;
+    RootDescriptor(const RootDescriptor&) = delete;
+    RootDescriptor& operator=(const RootDescriptor&) = delete;
+    ~RootDescriptor();
+  } _root;
+  // False when the version directory <asset directory>/<n> is reached through a symbolic link or
+  // lies outside the root (with a warning); true for other schemes and when it is missing.
+  bool IsVersionDirectoryInside(const std::string& assetDirectory, std::uint64_t number) const;
   std::shared_ptr<RepositoryTreeLock> _treeLock;
   std::shared_ptr<RepositoryChangeToken> _changeToken;
 };
