@@ -182,7 +182,7 @@ int OpenBeneath(const Url& root, const Url& file, int flags) {
   return fd;
 }
 
-Result<std::string> ReadRepositoryFile(const Url& file, std::size_t limit, const Url& root) {
+Result<std::string> ReadRepositoryFile(const Url& file, std::size_t limit, const Url& root, int rootFd) {
   std::string content;
   if (file.GetScheme() != "file") {
     KELVO_ASSIGN_OR_RETURN(auto in, file.OpenInputStream());
@@ -195,7 +195,9 @@ Result<std::string> ReadRepositoryFile(const Url& file, std::size_t limit, const
     }
   }
   // O_NONBLOCK: opening a FIFO neither waits for a writer nor reads it (it is refused below).
-  const int fd = OpenBeneath(root, file, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
+  const std::optional<std::string> relative = rootFd >= 0 ? RelativeBelow(file, root) : std::nullopt;
+  const int fd = relative ? OpenBeneath(rootFd, *relative, kFlags) : OpenBeneath(root, file, kFlags);
   if (fd < 0) {
     if (errno == ELOOP) return IoError("Can't open @: it is a symbolic link or lies behind one.", file);
     if (errno == EXDEV) return IoError("Can't open @: it lies outside the repository @.", file, root);
@@ -348,8 +350,8 @@ bool LineReader::Next(std::string& line) {
 }
 
 
-Result<std::optional<Data>> ReadMetaDataFile(const Url& file, bool derived, const Url& root) {
-  Result<std::string> bytes = ReadRepositoryFile(file, kMetaDataFileLimit, root);
+Result<std::optional<Data>> ReadMetaDataFile(const Url& file, bool derived, const Url& root, int rootFd) {
+  Result<std::string> bytes = ReadRepositoryFile(file, kMetaDataFileLimit, root, rootFd);
   if (bytes.HasError()) {
     if (file.IoDetect() == IODETECT::NONE) return std::optional<Data>();
     return bytes.GetError();

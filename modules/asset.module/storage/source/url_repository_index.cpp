@@ -558,6 +558,12 @@ Result<void> UrlAssetRepositoryImpl::DeleteIndexFiles() {
 Result<bool> UrlAssetRepositoryImpl::RemoveIndexDirectory() {
   const Url indexDir = _url.Append("_index");
   std::lock_guard guard(_indexLock);
+  // Without an index nothing is removed and the tree lock isn't needed: an index that another
+  // process installs after this look is stale already, since the change renewed the token first.
+  if (indexDir.IoDetect() == IODETECT::NONE) {
+    _indexExists = false;
+    return false;
+  }
   KELVO_ASSIGN_OR_RETURN(RepositoryTreeLock::Guard treeGuard, _treeLock->Lock());
   const bool exists = indexDir.IoDetect() == IODETECT::DIRECTORY;
   if (exists) KELVO_RETURN_ON_ERROR(indexDir.IoDelete(true));

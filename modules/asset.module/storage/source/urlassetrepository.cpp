@@ -47,8 +47,8 @@ std::optional<Id> ParseHashLine(const std::string& line) {
 
 } // namespace
 
-std::optional<std::string> ReadFirstLine(const Url& file, const Url& root) {
-  Result<std::string> text = ReadRepositoryFile(file, kSmallFileLimit, root);
+std::optional<std::string> ReadFirstLine(const Url& file, const Url& root, int rootFd) {
+  Result<std::string> text = ReadRepositoryFile(file, kSmallFileLimit, root, rootFd);
   if (text.HasError()) return std::nullopt;
   std::string line;
   LineReader reader(*text);
@@ -289,7 +289,7 @@ Result<void> UrlAssetRepositoryImpl::ScanTree(const IdReceiver& receiver, Loaded
     if (entry.type != IODETECT::DIRECTORY || entry.isLink) continue;
     const Url dir = _url.Append(entry.name);
     const Url infoFile = dir.Append("asset.info");
-    Result<std::string> info = ReadRepositoryFile(infoFile, kSmallFileLimit, _url);
+    Result<std::string> info = ReadRepositoryFile(infoFile, kSmallFileLimit, _url, _root.fd);
     if (info.HasError()) {
       // No asset.info: _index, working directories of a compaction, foreign folders.
       struct stat st{};
@@ -367,7 +367,7 @@ Result<void> UrlAssetRepositoryImpl::LoadVersionsImpl(const Id& aid, const Id& t
     Id versionId(parsed->versionId);
     std::optional<Id> fromHashFile;
     if (versionId.IsEmpty()) {
-      if (auto line = ReadFirstLine(versionDir.Append("hash"), _url); line && !line->empty()) {
+      if (auto line = ReadFirstLine(versionDir.Append("hash"), _url, _root.fd); line && !line->empty()) {
         fromHashFile = ParseHashLine(*line);
         if (!fromHashFile) WarningOutput("Ignoring the malformed hash file of @.", versionDir);
       }
@@ -523,7 +523,8 @@ Result<std::optional<Data>> UrlAssetRepositoryImpl::LoadMetaDataImpl(const Data&
   const std::string fileName = metaId.ToString() + MetaFileSuffix(kind);
   if (!IsSafePathComponent(fileName)) return IllegalArgumentError("Illegal metadata Id @.", metaId);
   // dir is <tree>/<asset directory>/<n>: nothing below the tree's root may be a link.
-  return ReadMetaDataFile(dir.Append(fileName), (kind & AssetMetaData::DERIVED) != 0, dir.GetDirectory().GetDirectory());
+  const Url tree = dir.GetDirectory().GetDirectory();
+  return ReadMetaDataFile(dir.Append(fileName), (kind & AssetMetaData::DERIVED) != 0, tree, tree == _url ? _root.fd : -1);
 }
 
 Result<Data> UrlAssetRepositoryImpl::StoreMetaDataImpl(const Data& vdata, const InternedId& metaId, const Data& data,

@@ -113,8 +113,9 @@ int OpenBeneath(int rootFd, const std::string& relative, int flags);
 // Reads a whole file of a repository tree. For "file" URLs only a regular file is read: a FIFO,
 // device, directory or symbolic link is refused without blocking (an io error; with a root, a link
 // anywhere below it as OpenBeneath says), and a file over limit bytes is a file format error that
-// names it. Other schemes read through their handler, to at most limit bytes as well.
-Result<std::string> ReadRepositoryFile(const Url& file, std::size_t limit, const Url& root = Url());
+// names it. Other schemes read through their handler, to at most limit bytes as well. rootFd, when
+// not -1, is root opened already (saves opening it per file).
+Result<std::string> ReadRepositoryFile(const Url& file, std::size_t limit, const Url& root = Url(), int rootFd = -1);
 
 // Splits text into lines: LF ends a line, CR is dropped, the end of the text ends the last line.
 class LineReader {
@@ -131,7 +132,7 @@ private:
 // A metadata value file. A derived file holds the value in an envelope with the derived-data
 // stamp; a stamp that isn't the current one, or no envelope, reads as absent. A missing file
 // reads as absent; an unreadable one is a file format error. root as for ReadRepositoryFile.
-Result<std::optional<Data>> ReadMetaDataFile(const Url& file, bool derived, const Url& root = Url());
+Result<std::optional<Data>> ReadMetaDataFile(const Url& file, bool derived, const Url& root = Url(), int rootFd = -1);
 Result<void> WriteMetaDataFile(const Url& file, const Data& value, bool derived);
 
 } // namespace kelvo
