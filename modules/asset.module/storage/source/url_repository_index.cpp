@@ -344,7 +344,12 @@ Result<void> ParseIndexPart(const Url& partDir, std::uint64_t lo, std::uint64_t 
 
 // ---- writing ---------------------------------------------------------------------------------------
 
-Result<void> UrlAssetRepositoryImpl::Compact() { return CompactCore(_changeGeneration.load()); }
+Result<void> UrlAssetRepositoryImpl::Compact() {
+  // This compaction supersedes a delayed or running one: each renews the change token when it
+  // begins, so running side by side they would make each other's index stale.
+  CancelCompaction(true);
+  return CompactCore(_changeGeneration.load());
+}
 
 Result<void> UrlAssetRepositoryImpl::CompactCore(std::uint64_t generation) {
   std::uint64_t from = 0, to = 0;

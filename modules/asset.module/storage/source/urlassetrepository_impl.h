@@ -67,7 +67,8 @@ public:
 
   // ---- CompactableAssetRepositoryInterface ----
   // Writes _index/<0>-<next version> with the listing and compacted metadata, index.dat and
-  // modified.dat. A change to the repository while it runs makes it fail and leave no index.
+  // modified.dat. A change to the repository while it runs makes it fail and leave no index. A
+  // delayed or running background compaction is cancelled first (and waited for).
   // index.dat lists the tree without the files the index replaces, one line per entry, sorted:
   // "d" TAB path or "f" TAB path, paths relative to the root with "/". modified.dat is the JSON
   // object {"modified": "<UTC time, ISO 8601 with nanoseconds>"}.
