@@ -60,7 +60,9 @@ AssetDescription FindTyped(const Session& session, const Id& type, const std::st
   if (named.size() > 1) {
     std::string ids;
     for (const AssetDescription& d : named) ids += " " + d->GetIdAndVersion().first.ToString();
-    code = Fail(EXIT_USAGE, std::string("more than one ") + what + " is named '" + text + "':" + ids + "; give its Id");
+    std::string message = "more than one ";
+    message.append(what).append(" is named '").append(text).append("':").append(ids).append("; give its Id");
+    code = Fail(EXIT_USAGE, message);
     return nullptr;
   }
   return named.empty() ? nullptr : named.front();

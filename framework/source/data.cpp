@@ -85,21 +85,36 @@ std::string Data::ToString() const {
           s << x;
           return s.str();
         } else if constexpr (std::is_arithmetic_v<T>) return std::to_string(x);
-        else if constexpr (std::is_same_v<T, std::shared_ptr<const Blob>>) return "(" + std::to_string(x->size()) + " bytes)";
-        else if constexpr (std::is_same_v<T, std::shared_ptr<const DataArray>>) {
+        // Built by appending: g++ 12 at -O2/-O3 warns (-Wrestrict) on "literal" + std::string.
+        else if constexpr (std::is_same_v<T, std::shared_ptr<const Blob>>) {
+          std::string s = "(";
+          s += std::to_string(x->size());
+          s += " bytes)";
+          return s;
+        } else if constexpr (std::is_same_v<T, std::shared_ptr<const DataArray>>) {
           std::string s = "[";
-          for (std::size_t i = 0; i < x->size(); ++i) s += (i ? ", " : "") + (*x)[i].ToString();
+          for (std::size_t i = 0; i < x->size(); ++i) {
+            if (i) s += ", ";
+            s += (*x)[i].ToString();
+          }
           return s + "]";
         } else if constexpr (std::is_same_v<T, std::shared_ptr<const DataDictionary>>) {
           std::string s = "{";
           bool first = true;
           for (const auto& [k, v] : *x) {
-            s += (first ? "" : ", ") + k.ToString() + ": " + v.ToString();
+            if (!first) s += ", ";
+            s += k.ToString();
+            s += ": ";
+            s += v.ToString();
             first = false;
           }
           return s + "}";
-        } else
-          return "(" + GetType().ToString() + ")";
+        } else {
+          std::string s = "(";
+          s += GetType().ToString();
+          s += ')';
+          return s;
+        }
       },
       _v);
 }

@@ -2,6 +2,8 @@
 // mounted databases are searched by the other commands, and the graph file is written.
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -107,6 +109,29 @@ TEST_F(KassetDbTest, GraphIsWrittenWithoutTheVariable) {
   EXPECT_NE(text.find("Id: net.kelvo.repository.userprefs"), std::string::npos);
   EXPECT_NE(text.find("Id: net.kelvo.repository.builtin"), std::string::npos);
   EXPECT_NE(text.find("Writable: false"), std::string::npos); // the library database
+}
+
+// Link files in the library that are no regular text files: a FIFO, a link to /dev/zero, a file of
+// gigabytes. Each is reported by name and skipped; a good link file beside them still mounts its
+// database, and nothing waits or fills memory.
+TEST_F(KassetDbTest, LinkFilesThatAreNoRegularFilesAreSkipped) {
+  MakeDatabase(root / "mydb");
+  const fs::path assets = root / "library" / "assets";
+  std::ofstream(assets / "good.dat") << (root / "mydb").string() << "\n";
+  ASSERT_EQ(::mkfifo((assets / "fifo.dat").c_str(), 0644), 0);
+  fs::create_symlink("/dev/zero", assets / "zero.dat");
+  const int fd = ::open((assets / "huge.dat").c_str(), O_WRONLY | O_CREAT, 0644);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(::ftruncate(fd, off_t(4) << 30), 0); // sparse: nothing is allocated
+  ::close(fd);
+
+  ::alarm(60); // a hang ends the test binary instead of the suite
+  KassetRun ls = Kasset({"ls", "--ids"});
+  ::alarm(0);
+  ASSERT_EQ(ls.code, 0) << ls.err;
+  EXPECT_NE(ls.out.find("notes"), std::string::npos) << ls.out;
+  for (const char* name : {"fifo.dat", "zero.dat", "huge.dat"}) EXPECT_NE(ls.err.find(name), std::string::npos) << name << ": " << ls.err;
+  EXPECT_EQ(ls.err.find("good.dat"), std::string::npos) << ls.err;
 }
 
 } // namespace

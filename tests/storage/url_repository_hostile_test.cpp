@@ -160,4 +160,84 @@ TEST_F(HostileTreeTest, OversizedMetadataIsAClearError) {
   EXPECT_NE(note.GetError().ToString().find("larger than"), std::string::npos) << note.GetError().ToString();
 }
 
+// Asset and version directories replaced by links to copies outside the root, read by a scan and
+// through an index that names them: what lies behind the links is passed over, never served.
+TEST_F(HostileTreeTest, LinkedAssetOrVersionDirectoriesAreNotFollowedOutOfTheRoot) {
+  {
+    auto repo = Open();
+    auto d = Store(repo, "victim", "inside");
+    ASSERT_TRUE(d);
+    ASSERT_TRUE(repo->StoreMetaData(d, kNote, Data(std::string("note")), 2).HasValue());
+    ASSERT_TRUE(Store(repo, "bystander", "b"));
+  }
+  const fs::path outside = _base / "outside";
+  const fs::path saved = _base / "saved";
+  for (const bool indexed : {false, true}) {
+    for (const bool wholeAsset : {true, false}) {
+      SCOPED_TRACE(std::string(indexed ? "indexed, " : "scanned, ") + (wholeAsset ? "asset directory" : "version directory"));
+      const fs::path original = wholeAsset ? Root() / "victim" : Root() / "victim" / "1";
+      fs::remove_all(outside);
+      fs::copy(original, outside, fs::copy_options::recursive);
+      WriteFile((wholeAsset ? outside / "1" : outside) / "asset.txt", "secret outside the root");
+      if (indexed) {
+        ASSERT_TRUE(Open()->Compact().HasValue());
+      }
+      fs::rename(original, saved);
+      fs::create_directory_symlink(outside, original);
+      {
+        auto repo = Open();
+        ASSERT_EQ(repo->WasOpenedFromIndex(), indexed);
+        const auto contents = Contents(repo);
+        EXPECT_EQ(contents.count("bystander"), 1u);
+        EXPECT_EQ(contents.count("victim"), 0u) << (contents.count("victim") ? contents.at("victim").begin()->first + " " + contents.at("victim").begin()->second : "");
+        EXPECT_FALSE(Latest(repo, "victim"));
+      }
+      fs::remove(original);
+      fs::rename(saved, original);
+      EXPECT_EQ(Contents(Open()).at("victim").begin()->second, "inside");
+    }
+  }
+}
+
+// A base whose search fails: a version without a hash file whose content is a FIFO, so its digest
+// can't be taken (and taking it must not wait for a writer). The error reaches the caller in the
+// modes that merge (LATEST) and in those that don't (ALL, LATEST | WITHOUT_BASES on the base).
+TEST_F(HostileTreeTest, SearchErrorsOfABaseReachTheCaller) {
+  const Url baseUrl = Url::FromFile((_base / "base").string());
+  fs::create_directories(_base / "base");
+  {
+    auto base = CreateUrlAssetRepository(Id("test.base"), {}, baseUrl, true, false, false);
+    ASSERT_TRUE(base.HasValue());
+    ASSERT_TRUE(Store(*base, "broken", "b"));
+  }
+  const fs::path version = _base / "base" / "broken" / "1";
+  fs::remove(version / "hash");
+  fs::remove(version / "asset.txt");
+  ASSERT_EQ(::mkfifo((version / "asset.txt").c_str(), 0644), 0);
+
+  auto base = CreateUrlAssetRepository(Id("test.base"), {}, baseUrl, false, false, false);
+  ASSERT_TRUE(base.HasValue()) << base.GetError().ToString();
+  auto top = CreateUrlAssetRepository(Id("test.repo"), {*base}, RootUrl(), true, false, false);
+  ASSERT_TRUE(top.HasValue()) << top.GetError().ToString();
+  ASSERT_TRUE(Store(*top, "own", "o"));
+  ::alarm(20); // a hang ends the test binary instead of the suite
+  auto search = [](const AssetRepositoryRef& repo, ASSET_FIND_MODE mode) {
+    std::size_t found = 0;
+    auto r = repo->FindAssets({}, Id(), Id(), mode, [&found](const AssetDescription&) -> Result<bool> {
+      ++found;
+      return true;
+    });
+    return r.HasError() ? r.GetError().ToString() : "found " + std::to_string(found);
+  };
+  for (const ASSET_FIND_MODE mode : {ALL, ALL | WITH_DELETED, LATEST, LATEST | RANDOMIZED_ORDER}) {
+    SCOPED_TRACE(static_cast<int>(mode));
+    EXPECT_NE(search(*top, mode).find("no regular file"), std::string::npos) << search(*top, mode);
+  }
+  EXPECT_NE(search(*base, LATEST | WITHOUT_BASES).find("no regular file"), std::string::npos);
+  EXPECT_NE(search(*base, ALL | WITHOUT_BASES).find("no regular file"), std::string::npos);
+  // Without its bases the top repository doesn't reach the damage.
+  EXPECT_EQ(search(*top, LATEST | WITHOUT_BASES), "found 2"); // "own" and the database asset
+  ::alarm(0);
+}
+
 } // namespace

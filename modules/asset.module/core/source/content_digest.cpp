@@ -32,29 +32,36 @@ struct FileGuard {
 std::optional<Result<Digest>> HashAndCopyLocalFile(const Url& source, const Url& destination) {
   if (source.GetScheme() != "file" || (!destination.IsEmpty() && destination.GetScheme() != "file")) return std::nullopt;
   FileGuard in;
-  in.fd = ::open(source.GetPath().c_str(), O_RDONLY | O_CLOEXEC);
+  // O_NONBLOCK: a FIFO is refused below instead of waiting for a writer.
+  in.fd = ::open(source.GetPath().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (in.fd < 0) return std::nullopt;
   struct stat st{};
-  if (::fstat(in.fd, &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+  if (::fstat(in.fd, &st) != 0) return std::nullopt;
+  if (!S_ISREG(st.st_mode)) return Result<Digest>(IoError("Can't read @: it is no regular file.", source));
   FileGuard out;
   if (!destination.IsEmpty()) {
     out.fd = ::open(destination.GetPath().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (out.fd < 0) return Result<Digest>(IoError("Can't open @ for writing: @", destination, std::strerror(errno)));
   }
-  ::posix_fadvise(in.fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-  Sha256 hash;
   constexpr std::size_t kChunk = 4 << 20;
-  std::vector<std::uint8_t> buffer(kChunk);
+  const std::uint64_t size = static_cast<std::uint64_t>(st.st_size);
+  if (size > kChunk) ::posix_fadvise(in.fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+  Sha256 hash;
+  // A small file is read by one call into a buffer one byte larger than it: the short read at the
+  // size from fstat ends the loop without a further call (a file that grew is read on).
+  std::vector<std::uint8_t> buffer(static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, size + 1)));
   bool kernelCopy = true;
   loff_t inOffset = 0, outOffset = 0;
   for (;;) {
-    const ssize_t n = ::pread(in.fd, buffer.data(), kChunk, inOffset);
+    const ssize_t n = ::pread(in.fd, buffer.data(), buffer.size(), inOffset);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) return Result<Digest>(IoError("Can't read @: @", source, std::strerror(errno)));
     if (n == 0) break;
     hash.Update(buffer.data(), static_cast<std::size_t>(n));
+    const bool last = static_cast<std::size_t>(n) < buffer.size() && static_cast<std::uint64_t>(inOffset + n) >= size;
     if (out.fd < 0) {
       inOffset += n;
+      if (last) break;
       continue;
     }
     std::size_t done = 0;
@@ -77,6 +84,7 @@ std::optional<Result<Digest>> HashAndCopyLocalFile(const Url& source, const Url&
       done += static_cast<std::size_t>(copied);
     }
     inOffset += n;
+    if (last) break;
   }
   if (out.fd >= 0) {
     const int fd = out.fd;

@@ -7,6 +7,7 @@
 #include <unordered_set>
 
 #include "asset/standard/assets.h"
+#include "asset/storage/url_layout.h"
 #include "kelvo/log.h"
 
 namespace kelvo {
@@ -16,9 +17,14 @@ namespace {
 // The link file reserved for the other application of the suite; this application skips it.
 constexpr const char* kReservedLinkFile = "kelvoorpheumassets.dat";
 
-// The URL that a link file names: its whole text, trimmed; a relative path counts from the
-// directory of the link file.
-Url LinkTarget(const std::string& content, const Url& linkFile) {
+Url DatabaseUrl(Url url) {
+  url.SetData(assetdatabasekeys::assetdatabasetype, Data(repositorytypes::database));
+  return url;
+}
+
+} // namespace
+
+Url LinkFileTarget(const std::string& content, const Url& linkFile) {
   std::string text = content;
   if (text.size() >= 3 && static_cast<unsigned char>(text[0]) == 0xEF && static_cast<unsigned char>(text[1]) == 0xBB &&
       static_cast<unsigned char>(text[2]) == 0xBF)
@@ -30,13 +36,6 @@ Url LinkTarget(const std::string& content, const Url& linkFile) {
     return linkFile.GetDirectory().Append(text);
   return Url(text);
 }
-
-Url DatabaseUrl(Url url) {
-  url.SetData(assetdatabasekeys::assetdatabasetype, Data(repositorytypes::database));
-  return url;
-}
-
-} // namespace
 
 std::string ToLowerAscii(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -72,9 +71,15 @@ Result<void> CollectStandardDatabases(std::vector<DatabaseMountItem>& items, std
           items.push_back({c++ + kZipBand, DatabaseUrl(child), true, true});
         } else if (suffix == "dat") {
           if (ToLowerAscii(name) == kReservedLinkFile) continue;
-          KELVO_ASSIGN_OR_RETURN(std::string content, child.ReadAll());
-          const Url target = LinkTarget(content, child);
+          // A regular file of bounded size only: a FIFO, a device or a link planted here must
+          // neither hang the pass nor fill memory.
+          Result<std::string> content = ReadRepositoryFile(child, kSmallFileLimit);
           const std::int64_t priority = c++ + kLinkBand;
+          if (content.HasError()) {
+            notes.push_back(FormatString("Link file @ can't be read: @", child, content.GetError().GetMessage()));
+            continue;
+          }
+          const Url target = LinkFileTarget(*content, child);
           if (target.IsEmpty()) {
             notes.push_back(FormatString("Link file @ names no database.", child));
             continue;

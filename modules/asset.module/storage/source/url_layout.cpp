@@ -3,6 +3,8 @@
 #include "asset/storage/url_layout.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -112,7 +114,75 @@ const char* MetaFileSuffix(std::uint32_t kind) {
   return ".meta";
 }
 
-Result<std::string> ReadRepositoryFile(const Url& file, std::size_t limit) {
+namespace {
+
+// The path of file relative to root when file lies below it; nothing otherwise.
+std::optional<std::string> RelativeBelow(const Url& file, const Url& root) {
+  if (root.IsEmpty() || file.GetScheme() != "file" || root.GetScheme() != "file") return std::nullopt;
+  std::string prefix = root.GetPath();
+  if (prefix.empty() || prefix.back() != '/') prefix += '/';
+  const std::string& path = file.GetPath();
+  if (path.size() <= prefix.size() || !path.starts_with(prefix)) return std::nullopt;
+  return path.substr(prefix.size());
+}
+
+// openat along relative from dirFd, one component at a time, none of them a symbolic link: the
+// stand-in for openat2 where the kernel lacks it.
+int OpenComponents(int dirFd, const std::string& relative, int flags) {
+  std::size_t start = 0;
+  int current = dirFd;
+  for (;;) {
+    const std::size_t slash = relative.find('/', start);
+    const std::string part = relative.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
+    if (slash == std::string::npos) {
+      const int fd = ::openat(current, part.c_str(), flags | O_NOFOLLOW);
+      const int saved = errno;
+      if (current != dirFd) ::close(current);
+      errno = saved;
+      return fd;
+    }
+    int next = -1;
+    if (part == "..") errno = EXDEV;
+    else next = ::openat(current, part.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    const int saved = errno;
+    if (current != dirFd) ::close(current);
+    errno = saved;
+    if (next < 0) return -1;
+    current = next;
+    start = slash + 1;
+  }
+}
+
+} // namespace
+
+int OpenBeneath(int rootFd, const std::string& relative, int flags) {
+  open_how how{};
+  how.flags = static_cast<std::uint64_t>(flags | O_NOFOLLOW);
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+  const int fd = static_cast<int>(::syscall(SYS_openat2, rootFd, relative.c_str(), &how, sizeof how));
+  if (fd < 0 && (errno == ENOSYS || errno == EPERM)) return OpenComponents(rootFd, relative, flags);
+  return fd;
+}
+
+int OpenBeneath(const Url& root, const Url& file, int flags) {
+  const std::optional<std::string> relative = RelativeBelow(file, root);
+  if (!relative) {
+    if (!root.IsEmpty() && file.GetScheme() == "file") {
+      errno = EXDEV;
+      return -1;
+    }
+    return ::open(file.GetPath().c_str(), flags | O_NOFOLLOW);
+  }
+  const int rootFd = ::open(root.GetPath().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  if (rootFd < 0) return -1;
+  const int fd = OpenBeneath(rootFd, *relative, flags);
+  const int saved = errno;
+  ::close(rootFd);
+  errno = saved;
+  return fd;
+}
+
+Result<std::string> ReadRepositoryFile(const Url& file, std::size_t limit, const Url& root, int rootFd) {
   std::string content;
   if (file.GetScheme() != "file") {
     KELVO_ASSIGN_OR_RETURN(auto in, file.OpenInputStream());
@@ -124,11 +194,13 @@ Result<std::string> ReadRepositoryFile(const Url& file, std::size_t limit) {
       content.append(buffer, n);
     }
   }
-  const std::string& path = file.GetPath();
   // O_NONBLOCK: opening a FIFO neither waits for a writer nor reads it (it is refused below).
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
+  const std::optional<std::string> relative = rootFd >= 0 ? RelativeBelow(file, root) : std::nullopt;
+  const int fd = relative ? OpenBeneath(rootFd, *relative, kFlags) : OpenBeneath(root, file, kFlags);
   if (fd < 0) {
-    if (errno == ELOOP) return IoError("Can't open @: it is a symbolic link.", file);
+    if (errno == ELOOP) return IoError("Can't open @: it is a symbolic link or lies behind one.", file);
+    if (errno == EXDEV) return IoError("Can't open @: it lies outside the repository @.", file, root);
     return IoError("Can't open @: @", file, std::strerror(errno));
   }
   struct Closer {
@@ -164,6 +236,20 @@ bool IsReservedRootName(std::string_view name) {
 bool IsSafePathComponent(std::string_view name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
          name.find('\0') == std::string_view::npos;
+}
+
+bool IsValidIdText(std::string_view text) {
+  return !text.empty() && std::none_of(text.begin(), text.end(), [](char c) {
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+  });
+}
+
+std::optional<AssetInfoLines> ParseAssetInfo(std::string_view text) {
+  LineReader reader(text);
+  AssetInfoLines lines;
+  if (!reader.Next(lines.aid) || !reader.Next(lines.type) || !IsValidIdText(lines.aid) || !IsValidIdText(lines.type))
+    return std::nullopt;
+  return lines;
 }
 
 Result<std::vector<DirectoryEntry>> BrowseDirectory(const Url& dir) {
@@ -264,8 +350,8 @@ bool LineReader::Next(std::string& line) {
 }
 
 
-Result<std::optional<Data>> ReadMetaDataFile(const Url& file, bool derived) {
-  Result<std::string> bytes = ReadRepositoryFile(file, kMetaDataFileLimit);
+Result<std::optional<Data>> ReadMetaDataFile(const Url& file, bool derived, const Url& root, int rootFd) {
+  Result<std::string> bytes = ReadRepositoryFile(file, kMetaDataFileLimit, root, rootFd);
   if (bytes.HasError()) {
     if (file.IoDetect() == IODETECT::NONE) return std::optional<Data>();
     return bytes.GetError();

@@ -99,19 +99,13 @@ private:
       Add(REPOSITORYFINDING::HIDDEN, e.path(), "a folder without asset.info");
       return;
     }
-    Result<std::string> text = ReadRepositoryFile(Url::FromFile(info.string()), kSmallFileLimit);
-    std::string idLine, typeLine;
-    if (text.HasValue()) {
-      LineReader reader(*text);
-      if (!reader.Next(idLine) || !reader.Next(typeLine)) idLine.clear();
-    }
-    auto invalid = [](const std::string& s) {
-      return s.empty() || std::any_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; });
-    };
-    if (text.HasError() || invalid(idLine) || invalid(typeLine)) {
+    Result<std::string> text = ReadRepositoryFile(Url::FromFile(info.string()), kSmallFileLimit, _root);
+    const std::optional<AssetInfoLines> lines = text.HasValue() ? ParseAssetInfo(*text) : std::nullopt;
+    if (!lines) {
       Add(REPOSITORYFINDING::DAMAGED, info, text.HasError() ? text.GetError().GetMessage() : "holds no valid asset Id");
       return;
     }
+    const std::string& idLine = lines->aid;
     if (auto [at, added] = _claimed.emplace(idLine, e.path()); !added) {
       Add(REPOSITORYFINDING::DUPLICATE, e.path(), "asset " + idLine + " is held by " + at->second.string() + " already");
       return;
@@ -167,7 +161,7 @@ private:
       std::error_code lec;
       if (e.is_symlink(lec)) Add(REPOSITORYFINDING::HIDDEN, e.path(), "a symbolic link; scans pass over links");
     }
-    Result<std::string> hash = ReadRepositoryFile(url.Append("hash"), kSmallFileLimit);
+    Result<std::string> hash = ReadRepositoryFile(url.Append("hash"), kSmallFileLimit, _root);
     std::string hashLine;
     if (hash.HasValue()) {
       LineReader reader(*hash);

@@ -57,12 +57,15 @@ struct Range {
   std::string name;
 };
 
+// The repository root of the index part <root>/_index/<lo>-<hi>.
+Url RootOfPart(const Url& partDir) { return partDir.GetDirectory().GetDirectory(); }
+
 // The file names of a part and their digests, from its checksum file.
 // Nothing when the part has no checksum file.
 Result<std::optional<std::map<std::string, std::string>>> ReadChecksums(const Url& partDir) {
   const Url file = partDir.Append(kChecksumFile);
   if (file.IoDetect() == IODETECT::NONE) return std::optional<std::map<std::string, std::string>>();
-  KELVO_ASSIGN_OR_RETURN(std::string text, ReadRepositoryFile(file, kSmallFileLimit));
+  KELVO_ASSIGN_OR_RETURN(std::string text, ReadRepositoryFile(file, kSmallFileLimit, RootOfPart(partDir)));
   LineReader reader(text);
   std::string line;
   if (!reader.Next(line) || line != kChecksumHeader)
@@ -79,10 +82,10 @@ Result<std::optional<std::map<std::string, std::string>>> ReadChecksums(const Ur
 // Reads a file of a part and checks it against its checksum when the part has checksums.
 Result<std::string> ReadChecked(const Url& partDir, const std::string& name,
                                 const std::optional<std::map<std::string, std::string>>& sums) {
-  if (!sums) return ReadRepositoryFile(partDir.Append(name), kIndexFileLimit);
+  if (!sums) return ReadRepositoryFile(partDir.Append(name), kIndexFileLimit, RootOfPart(partDir));
   auto it = sums->find(name);
   if (it == sums->end()) return FileFormatError("File @ of index part @ has no checksum.", name, partDir);
-  KELVO_ASSIGN_OR_RETURN(std::string bytes, ReadRepositoryFile(partDir.Append(name), kIndexFileLimit));
+  KELVO_ASSIGN_OR_RETURN(std::string bytes, ReadRepositoryFile(partDir.Append(name), kIndexFileLimit, RootOfPart(partDir)));
   if (Sha256Hex(bytes) != it->second) return FileFormatError("File @ of index part @ is damaged.", name, partDir);
   return bytes;
 }
@@ -231,7 +234,7 @@ Result<bool> UrlAssetRepositoryImpl::LoadIndex(LoadedIndex& index) {
     const Url covers = indexDir.Append(range.name).Append(kCoversFile);
     const bool hasCovers = covers.IoDetect() != IODETECT::NONE;
     if (_url.GetScheme() == "file" &&
-        (hasCovers ? ReadRepositoryFile(covers, kSmallFileLimit).GetValueOr(std::string("?")) : std::string()) != token) {
+        (hasCovers ? ReadRepositoryFile(covers, kSmallFileLimit, _url).GetValueOr(std::string("?")) : std::string()) != token) {
       DiagnosticOutput("The index of @ is older than the last change of its tree; reading the directories.", _url);
       index = LoadedIndex();
       std::lock_guard guard(_lock);
@@ -261,14 +264,13 @@ Result<bool> UrlAssetRepositoryImpl::LoadIndex(LoadedIndex& index) {
 Result<void> UrlAssetRepositoryImpl::LoadIndexPart(const Url& partDir, std::uint64_t lo, std::uint64_t hi,
                                                    LoadedIndex& index, std::uint64_t& highestVersion) {
   KELVO_ASSIGN_OR_RETURN(auto sums, ReadChecksums(partDir));
-  std::vector<CompactedCursor> compacted;
+  IndexPartFiles files;
   KELVO_ASSIGN_OR_RETURN(std::vector<DirectoryEntry> entries, BrowseDirectory(partDir));
   for (const DirectoryEntry& e : entries) {
     if (e.name == "index") continue;
     if (e.type != IODETECT::FILE || e.isLink) return FileFormatError("Unexpected entry @ in index part @.", e.name, partDir);
     KELVO_ASSIGN_OR_RETURN(std::string bytes, ReadChecked(partDir, e.name, sums));
-    KELVO_ASSIGN_OR_RETURN(auto records, DecodeCompactedMetaData(std::move(bytes)));
-    compacted.emplace_back(InternedId(std::string_view(e.name)), std::move(records));
+    files.documents.emplace_back(e.name, std::move(bytes));
   }
   if (sums)
     for (const auto& [name, sum] : *sums)
@@ -277,8 +279,18 @@ Result<void> UrlAssetRepositoryImpl::LoadIndexPart(const Url& partDir, std::uint
   if (partDir.Append(kCoversFile).IoDetect() != IODETECT::NONE) {
     KELVO_RETURN_ON_ERROR(ReadChecked(partDir, kCoversFile, sums));
   }
-  KELVO_ASSIGN_OR_RETURN(std::string listing, ReadChecked(partDir, "index", sums));
+  KELVO_ASSIGN_OR_RETURN(files.listing, ReadChecked(partDir, "index", sums));
+  return ParseIndexPart(partDir, lo, hi, std::move(files), index, highestVersion);
+}
 
+Result<void> ParseIndexPart(const Url& partDir, std::uint64_t lo, std::uint64_t hi, IndexPartFiles files,
+                            UrlAssetRepositoryImpl::LoadedIndex& index, std::uint64_t& highestVersion) {
+  std::vector<CompactedCursor> compacted;
+  for (auto& [metaId, bytes] : files.documents) {
+    KELVO_ASSIGN_OR_RETURN(auto records, DecodeCompactedMetaData(std::move(bytes)));
+    compacted.emplace_back(InternedId(std::string_view(metaId)), std::move(records));
+  }
+  const std::string& listing = files.listing;
   if (index.assets.empty()) {
     // One line per asset begins without a tab.
     std::size_t count = listing.empty() || listing.front() == '\t' ? 0 : 1;
@@ -334,7 +346,12 @@ Result<void> UrlAssetRepositoryImpl::LoadIndexPart(const Url& partDir, std::uint
 
 // ---- writing ---------------------------------------------------------------------------------------
 
-Result<void> UrlAssetRepositoryImpl::Compact() { return CompactCore(_changeGeneration.load()); }
+Result<void> UrlAssetRepositoryImpl::Compact() {
+  // This compaction supersedes a delayed or running one: each renews the change token when it
+  // begins, so running side by side they would make each other's index stale.
+  CancelCompaction(true);
+  return CompactCore(_changeGeneration.load());
+}
 
 Result<void> UrlAssetRepositoryImpl::CompactCore(std::uint64_t generation) {
   std::uint64_t from = 0, to = 0;
@@ -548,6 +565,12 @@ Result<void> UrlAssetRepositoryImpl::DeleteIndexFiles() {
 Result<bool> UrlAssetRepositoryImpl::RemoveIndexDirectory() {
   const Url indexDir = _url.Append("_index");
   std::lock_guard guard(_indexLock);
+  // Without an index nothing is removed and the tree lock isn't needed: an index that another
+  // process installs after this look is stale already, since the change renewed the token first.
+  if (indexDir.IoDetect() == IODETECT::NONE) {
+    _indexExists = false;
+    return false;
+  }
   KELVO_ASSIGN_OR_RETURN(RepositoryTreeLock::Guard treeGuard, _treeLock->Lock());
   const bool exists = indexDir.IoDetect() == IODETECT::DIRECTORY;
   if (exists) KELVO_RETURN_ON_ERROR(indexDir.IoDelete(true));

@@ -52,6 +52,17 @@ struct CompactedRecords {
 // Reads a compacted metadata document; an unsorted one is a file format error.
 Result<std::unique_ptr<CompactedRecords>> DecodeCompactedMetaData(std::string bytes);
 
+// The files of one index part: the listing and the compacted documents by metadata Id.
+struct IndexPartFiles {
+  std::string listing;
+  std::vector<std::pair<std::string, std::string>> documents;
+};
+// Adds the assets and versions of the part covering lo..hi to index and raises highestVersion to
+// its highest number. Any inconsistency is an error (partDir names the part in it); the caller
+// then walks the tree instead. No I/O.
+Result<void> ParseIndexPart(const Url& partDir, std::uint64_t lo, std::uint64_t hi, IndexPartFiles files,
+                            UrlAssetRepositoryImpl::LoadedIndex& index, std::uint64_t& highestVersion);
+
 // A type Id read from asset.info or an index: old aliases mapped, and the Id that a registered
 // asset type reports for itself.
 Id NormalizeAssetTypeId(const std::string& text);
@@ -63,7 +74,5 @@ public:
 private:
   std::unordered_map<std::string, Id> _types;
 };
-// True for a line usable as an asset or type Id: not empty, no control characters.
-bool IsValidIdText(std::string_view text);
 
 } // namespace kelvo

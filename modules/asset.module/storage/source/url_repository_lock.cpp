@@ -65,6 +65,12 @@ std::string RepositoryChangeToken::Read() const {
   return *text;
 }
 
+bool RepositoryChangeToken::IsOwn() {
+  if (_file.GetScheme() != "file") return true;
+  std::lock_guard guard(_lock);
+  return !_own.empty() && Read() == _own;
+}
+
 Result<void> RepositoryChangeToken::NoteChange() {
   if (_file.GetScheme() != "file") return {};
   std::lock_guard guard(_lock);

@@ -61,6 +61,8 @@ public:
   std::string Read() const;
   // After a change by this object: renews the token unless it is this object's own.
   Result<void> NoteChange();
+  // True when the token in the tree is this object's own.
+  bool IsOwn();
   // Writes a fresh token, makes it this object's own and returns it.
   Result<std::string> Renew();
 

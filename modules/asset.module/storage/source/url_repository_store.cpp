@@ -1,7 +1,9 @@
 // The write side of the URL repository: asset and version directories (made so that several
 // processes share a tree, see url_repository_lock.h), erasure, and the version counter.
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -17,6 +19,31 @@
 
 namespace kelvo {
 
+namespace {
+
+// Writes a file that must not exist yet (O_EXCL | O_NOFOLLOW), for files of a directory that this
+// store made: no temporary name and rename needed, and nothing planted there is followed.
+Result<void> CreateNewFile(const Url& file, std::string_view content) {
+  if (file.GetScheme() != "file") return file.WriteAll(content);
+  const int fd = ::open(file.GetPath().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd < 0) return IoError("Can't create @: @", file, std::strerror(errno));
+  std::size_t done = 0;
+  while (done < content.size()) {
+    const ssize_t n = ::write(fd, content.data() + done, content.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      const int error = errno;
+      ::close(fd);
+      return IoError("Can't write @: @", file, std::strerror(error));
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  if (::close(fd) != 0) return IoError("Can't write @: @", file, std::strerror(errno));
+  return {};
+}
+
+} // namespace
+
 // ---- writing ---------------------------------------------------------------------------------------
 
 Result<Data> UrlAssetRepositoryImpl::CreateDataForIdImpl(const Id& aid, const Id& type) {
@@ -31,22 +58,25 @@ Result<Data> UrlAssetRepositoryImpl::CreateDataForIdImpl(const Id& aid, const Id
   // A name of the repository's own files is never an asset directory, and neither is an entry
   // that is no directory of this Id (a file, a link, or another Id's directory).
   Url dir = _url.Append(IsReservedRootName(base) ? base + "~1" : base);
+  const bool local = dir.GetScheme() == "file";
   for (int k = 2;; ++k) {
-    IODETECT kind = dir.IoDetect();
-    if (dir.GetScheme() == "file") {
+    IODETECT kind;
+    if (local) {
       struct stat st{};
       const bool missing = ::lstat(dir.GetPath().c_str(), &st) != 0 && errno == ENOENT;
       kind = missing ? IODETECT::NONE : S_ISDIR(st.st_mode) ? IODETECT::DIRECTORY : IODETECT::FILE;
+    } else {
+      kind = dir.IoDetect();
     }
     if (kind == IODETECT::NONE) break;
     if (kind == IODETECT::DIRECTORY) {
-      auto line = ReadFirstLine(dir.Append("asset.info"));
+      auto line = ReadFirstLine(dir.Append("asset.info"), _url, _root.fd);
       if (line && *line == aid.View()) break;
     }
     if (k > 1000) return IllegalStateError("No free directory for asset @ in @.", aid, _url);
     dir = _url.Append(base + "~" + std::to_string(k));
   }
-  KELVO_RETURN_ON_ERROR(dir.IoCreateDirectory(true));
+  if (!local || ::mkdir(dir.GetPath().c_str(), 0755) != 0) KELVO_RETURN_ON_ERROR(dir.IoCreateDirectory(true));
   KELVO_RETURN_ON_ERROR(dir.Append("asset.info").WriteAll(aid.ToString() + "\n" + type.ToString() + "\n"));
   return Data(UrlAssetData{dir, nullptr, aid, type});
 }
@@ -63,6 +93,8 @@ Result<StoredVersion> UrlAssetRepositoryImpl::StoreImpl(const Asset& asset, bool
   StoredVersion stored;
   Url dir;
   bool existed = false;
+  bool fresh = false; // dir was made by this store
+
   if (overwrite || data->url.GetScheme() != "file") {
     dir = data->url.Append(std::to_string(version.number));
     existed = dir.IoDetect() != IODETECT::NONE;
@@ -71,6 +103,7 @@ Result<StoredVersion> UrlAssetRepositoryImpl::StoreImpl(const Asset& asset, bool
   } else {
     KELVO_ASSIGN_OR_RETURN(std::uint64_t number, CreateVersionDirectory(*data, version.number, !deleteAsset));
     dir = data->url.Append(std::to_string(number));
+    fresh = true;
     if (number != version.number) stored.number = number;
   }
   stored.vdata = Data(dir);
@@ -124,8 +157,13 @@ Result<StoredVersion> UrlAssetRepositoryImpl::StoreImpl(const Asset& asset, bool
   if (!overwrittenHash.IsEmpty()) stored.versionId = overwrittenHash;
   if (!IsValidIdText(stored.versionId.View()))
     return IllegalArgumentError("Illegal version Id @ for a store.", stored.versionId);
-  // Written through a new file and a rename: a link planted at the name is replaced, not followed.
-  KELVO_RETURN_ON_ERROR(dir.Append("hash").WriteAll(stored.versionId.ToString() + "\n"));
+  // A fresh directory of this store gets a new file; into another one the hash file is written
+  // through a new file and a rename. Either way a link planted at the name is never followed.
+  const Url hashFile = dir.Append("hash");
+  if (fresh)
+    KELVO_RETURN_ON_ERROR(CreateNewFile(hashFile, stored.versionId.ToString() + "\n"));
+  else
+    KELVO_RETURN_ON_ERROR(hashFile.WriteAll(stored.versionId.ToString() + "\n"));
   return stored;
 }
 
@@ -137,7 +175,7 @@ Result<std::uint64_t> UrlAssetRepositoryImpl::CreateVersionDirectory(const UrlAs
     const Url dir = data.url.Append(std::to_string(number));
     if (::mkdir(dir.GetPath().c_str(), 0755) == 0) {
       // Made while holding the tree lock, so no erase of the asset removes it before the marker.
-      if (marked) KELVO_RETURN_ON_ERROR(dir.Append(kIncompleteMarker).WriteAll(""));
+      if (marked) KELVO_RETURN_ON_ERROR(CreateNewFile(dir.Append(kIncompleteMarker), ""));
       return number;
     }
     const int error = errno;
@@ -176,6 +214,9 @@ void UrlAssetRepositoryImpl::HandleAssetStored(const AssetDescription& asset) {
 
 void UrlAssetRepositoryImpl::NoteTreeChanged() {
   if (!_changeToken || !IsWritable()) return;
+  // The token is this object's own already: nothing to renew, no lock needed (a compaction that
+  // began meanwhile renewed it, and then the lock is taken below).
+  if (_changeToken->IsOwn()) return;
   auto noted = [this]() -> Result<void> {
     KELVO_ASSIGN_OR_RETURN(RepositoryTreeLock::Guard treeGuard, _treeLock->Lock());
     return _changeToken->NoteChange();

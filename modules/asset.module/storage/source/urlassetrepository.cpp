@@ -2,7 +2,11 @@
 // base repository's seam over the tree of url_layout.h. Writing versions lives in
 // url_repository_store.cpp, the index in url_repository_index.cpp.
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include <algorithm>
 #include <filesystem>
@@ -39,8 +43,8 @@ std::optional<Id> ParseHashLine(const std::string& line) {
 
 } // namespace
 
-std::optional<std::string> ReadFirstLine(const Url& file) {
-  Result<std::string> text = ReadRepositoryFile(file, kSmallFileLimit);
+std::optional<std::string> ReadFirstLine(const Url& file, const Url& root, int rootFd) {
+  Result<std::string> text = ReadRepositoryFile(file, kSmallFileLimit, root, rootFd);
   if (text.HasError()) return std::nullopt;
   std::string line;
   LineReader reader(*text);
@@ -92,12 +96,6 @@ Id TypeIdCache::Get(const std::string& text) {
   return type;
 }
 
-bool IsValidIdText(std::string_view text) {
-  return !text.empty() && std::none_of(text.begin(), text.end(), [](char c) {
-    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
-  });
-}
-
 // ---- opening -------------------------------------------------------------------------------------
 
 Result<std::shared_ptr<UrlAssetRepository>> CreateUrlAssetRepository(const Id& id, const RepositoryArray& bases,
@@ -117,6 +115,7 @@ Result<void> UrlAssetRepositoryImpl::Init(const Id& id, const RepositoryArray& b
   if (url.IoDetect() != IODETECT::DIRECTORY) return IllegalArgumentError("@ doesn't point to a directory.", url);
   _url = url;
   _versionUrl = url.Append("version");
+  if (url.GetScheme() == "file") _root.fd = ::open(url.GetPath().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
   _treeLock = std::make_shared<RepositoryTreeLock>(url);
   _changeToken = std::make_shared<RepositoryChangeToken>(url);
   _writable = writable;
@@ -171,6 +170,24 @@ Result<void> UrlAssetRepositoryImpl::Init(const Id& id, const RepositoryArray& b
   KELVO_RETURN_ON_ERROR(InitBases(bases));
   KELVO_RETURN_ON_ERROR(InitImpl(repositoryId, tempRepository));
   return EnsureDatabaseAsset();
+}
+
+UrlAssetRepositoryImpl::RootDescriptor::~RootDescriptor() {
+  if (fd >= 0) ::close(fd);
+}
+
+bool UrlAssetRepositoryImpl::IsVersionDirectoryInside(const std::string& assetDirectory, std::uint64_t number) const {
+  if (_root.fd < 0) return true;
+  const std::string relative = assetDirectory + "/" + std::to_string(number);
+  const int fd = OpenBeneath(_root.fd, relative, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd >= 0) {
+    ::close(fd);
+    return true;
+  }
+  // A link as the last component fails with ENOTDIR (O_DIRECTORY wins over O_NOFOLLOW).
+  if (errno != ELOOP && errno != EXDEV && errno != ENOTDIR) return true;
+  WarningOutput("Passing over version @ of @: it lies behind a symbolic link.", number, _url.Append(assetDirectory));
+  return false;
 }
 
 Result<void> UrlAssetRepositoryImpl::EnsureDatabaseAsset() {
@@ -266,9 +283,12 @@ Result<void> UrlAssetRepositoryImpl::ScanTree(const IdReceiver& receiver, Loaded
   for (const DirectoryEntry& entry : entries) {
     if (IsCurrentJobCancelled()) return OperationCancelledError();
     if (entry.type != IODETECT::DIRECTORY || entry.isLink) continue;
+    // The index and a compaction's working directories are no assets (archives and served trees
+    // carry them too, where the warning below would fire for them).
+    if (IsReservedRootName(entry.name)) continue;
     const Url dir = _url.Append(entry.name);
     const Url infoFile = dir.Append("asset.info");
-    Result<std::string> info = ReadRepositoryFile(infoFile, kSmallFileLimit);
+    Result<std::string> info = ReadRepositoryFile(infoFile, kSmallFileLimit, _url, _root.fd);
     if (info.HasError()) {
       // No asset.info: _index, working directories of a compaction, foreign folders.
       struct stat st{};
@@ -276,14 +296,13 @@ Result<void> UrlAssetRepositoryImpl::ScanTree(const IdReceiver& receiver, Loaded
         WarningOutput("Skipping asset directory @: @", dir, info.GetError());
       continue;
     }
-    LineReader reader(*info);
-    std::string idLine, typeLine;
-    if (!reader.Next(idLine) || !reader.Next(typeLine) || !IsValidIdText(idLine) || !IsValidIdText(typeLine)) {
+    const std::optional<AssetInfoLines> lines = ParseAssetInfo(*info);
+    if (!lines) {
       WarningOutput("Skipping asset directory @: its asset.info holds no valid Id.", dir);
       continue;
     }
-    const Id aid(idLine);
-    const Id type = types.Get(typeLine);
+    const Id aid(lines->aid);
+    const Id type = types.Get(lines->type);
     if (auto [at, added] = claimed.emplace(aid, entry.name); !added) {
       WarningOutput("Skipping asset directory @: asset @ is held by the directory @ already.", dir, aid, at->second);
       continue;
@@ -307,6 +326,8 @@ Result<void> UrlAssetRepositoryImpl::LoadVersionsImpl(const Id& aid, const Id& t
   const std::string assetDirectory = assetDir.GetName();
   if (data->versions) {
     for (const auto& [number, indexed] : *data->versions) {
+      // The index names the directories; a link planted since must not serve files from elsewhere.
+      if (!IsVersionDirectoryInside(assetDirectory, number)) continue;
       const Url versionDir = assetDir.Append(std::to_string(number));
       Url content;
       std::vector<MetaName> metaNames;
@@ -335,6 +356,7 @@ Result<void> UrlAssetRepositoryImpl::LoadVersionsImpl(const Id& aid, const Id& t
     std::optional<VersionDirectoryName> parsed = ParseVersionDirectoryName(entry.name);
     if (!parsed) continue;
     if (data->versions && data->versions->count(parsed->number)) continue;
+    if (!IsVersionDirectoryInside(assetDirectory, parsed->number)) continue;
     const Url versionDir = assetDir.Append(entry.name);
     KELVO_ASSIGN_OR_RETURN(VersionDirectoryContent found, FindContentUrl(versionDir, 0));
     if (found.incomplete) {
@@ -344,7 +366,7 @@ Result<void> UrlAssetRepositoryImpl::LoadVersionsImpl(const Id& aid, const Id& t
     Id versionId(parsed->versionId);
     std::optional<Id> fromHashFile;
     if (versionId.IsEmpty()) {
-      if (auto line = ReadFirstLine(versionDir.Append("hash")); line && !line->empty()) {
+      if (auto line = ReadFirstLine(versionDir.Append("hash"), _url, _root.fd); line && !line->empty()) {
         fromHashFile = ParseHashLine(*line);
         if (!fromHashFile) WarningOutput("Ignoring the malformed hash file of @.", versionDir);
       }
@@ -499,7 +521,9 @@ Result<std::optional<Data>> UrlAssetRepositoryImpl::LoadMetaDataImpl(const Data&
   if (none) return std::optional<Data>();
   const std::string fileName = metaId.ToString() + MetaFileSuffix(kind);
   if (!IsSafePathComponent(fileName)) return IllegalArgumentError("Illegal metadata Id @.", metaId);
-  return ReadMetaDataFile(dir.Append(fileName), (kind & AssetMetaData::DERIVED) != 0);
+  // dir is <tree>/<asset directory>/<n>: nothing below the tree's root may be a link.
+  const Url tree = dir.GetDirectory().GetDirectory();
+  return ReadMetaDataFile(dir.Append(fileName), (kind & AssetMetaData::DERIVED) != 0, tree, tree == _url ? _root.fd : -1);
 }
 
 Result<Data> UrlAssetRepositoryImpl::StoreMetaDataImpl(const Data& vdata, const InternedId& metaId, const Data& data,

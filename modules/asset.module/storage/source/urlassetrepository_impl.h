@@ -67,7 +67,8 @@ public:
 
   // ---- CompactableAssetRepositoryInterface ----
   // Writes _index/<0>-<next version> with the listing and compacted metadata, index.dat and
-  // modified.dat. A change to the repository while it runs makes it fail and leave no index.
+  // modified.dat. A change to the repository while it runs makes it fail and leave no index. A
+  // delayed or running background compaction is cancelled first (and waited for).
   // index.dat lists the tree without the files the index replaces, one line per entry, sorted:
   // "d" TAB path or "f" TAB path, paths relative to the root with "/". modified.dat is the JSON
   // object {"modified": "<UTC time, ISO 8601 with nanoseconds>"}.
@@ -88,8 +89,10 @@ public:
   // The steps of CreateUrlAssetRepository.
   Result<void> Init(const Id& id, const RepositoryArray& bases, const Url& url, const RepositoryOptions& options);
 
-private:
+  // What an opening reads from _index (url_repository_index.h).
   struct LoadedIndex;
+
+private:
   // A metadata file of a version: its metadata Id, kind, whether it is an attached file.
   struct MetaName {
     std::string metaId;
@@ -163,6 +166,17 @@ private:
   bool _tempRepository = false;
   bool _custom = false;
   // Coordination with other processes on the same tree (url_repository_lock.h); made in Init.
+  // The root opened once (O_PATH) for the checks that no version directory lies behind a link.
+  struct RootDescriptor {
+    int fd = -1;
+    RootDescriptor() = default;
+    RootDescriptor(const RootDescriptor&) = delete;
+    RootDescriptor& operator=(const RootDescriptor&) = delete;
+    ~RootDescriptor();
+  } _root;
+  // False when the version directory <asset directory>/<n> is reached through a symbolic link or
+  // lies outside the root (with a warning); true for other schemes and when it is missing.
+  bool IsVersionDirectoryInside(const std::string& assetDirectory, std::uint64_t number) const;
   std::shared_ptr<RepositoryTreeLock> _treeLock;
   std::shared_ptr<RepositoryChangeToken> _changeToken;
 };

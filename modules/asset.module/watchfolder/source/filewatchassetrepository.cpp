@@ -47,8 +47,10 @@ Url StoreFileOf(const Url& folder, const WatchFolderIds& ids) {
 }
 
 WatchListingRow RowOf(const WatchFileEntry& entry) {
-  return WatchListingRow{static_cast<std::int64_t>(entry.urlHash), "/" + entry.RelativePath(), entry.size,
-                         entry.modified, entry.IsDirectory()};
+  std::string url = "/";
+  url += entry.RelativePath();
+  return WatchListingRow{static_cast<std::int64_t>(entry.urlHash), std::move(url), entry.size, entry.modified,
+                         entry.IsDirectory()};
 }
 
 WatchFileEntry EntryOfRow(const WatchListingRow& row, const WatchFolderIds& ids) {

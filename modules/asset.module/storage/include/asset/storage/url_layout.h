@@ -58,6 +58,17 @@ const char* MetaFileSuffix(std::uint32_t kind);
 // without "/" or NUL. Names read back from the tree are checked with it before use.
 bool IsSafePathComponent(std::string_view name);
 
+// True for a line usable as an asset or type Id: not empty, no control characters.
+bool IsValidIdText(std::string_view text);
+
+// The first two lines of an asset.info: the asset Id and the type Id as written.
+struct AssetInfoLines {
+  std::string aid;
+  std::string type;
+};
+// Nothing when the text has fewer than two lines or one of them is no valid Id.
+std::optional<AssetInfoLines> ParseAssetInfo(std::string_view text);
+
 struct DirectoryEntry {
   std::string name;
   IODETECT type = IODETECT::NONE;
@@ -91,11 +102,20 @@ inline constexpr const char* kIncompleteMarker = ".incomplete";
 inline constexpr std::size_t kSmallFileLimit = 1u << 20;
 inline constexpr std::size_t kMetaDataFileLimit = 64u << 20;
 inline constexpr std::size_t kIndexFileLimit = 1u << 30;
+// Opens a "file" URL with flags (O_NOFOLLOW added). With a root, file must lie below it and no
+// component of its path below the root may be a symbolic link (openat2 RESOLVE_BENEATH |
+// RESOLVE_NO_SYMLINKS, or an openat chain where the kernel lacks it): -1 with errno ELOOP for a
+// link on the way, EXDEV for a file outside root. Without a root only the last component is checked.
+int OpenBeneath(const Url& root, const Url& file, int flags);
+// The same below an open directory rootFd, for a relative path.
+int OpenBeneath(int rootFd, const std::string& relative, int flags);
+
 // Reads a whole file of a repository tree. For "file" URLs only a regular file is read: a FIFO,
-// device, directory or symbolic link (at the last component) is refused without blocking (an io
-// error), and a file over limit bytes is a file format error that names it. Other schemes read through their handler, to
-// at most limit bytes as well.
-Result<std::string> ReadRepositoryFile(const Url& file, std::size_t limit);
+// device, directory or symbolic link is refused without blocking (an io error; with a root, a link
+// anywhere below it as OpenBeneath says), and a file over limit bytes is a file format error that
+// names it. Other schemes read through their handler, to at most limit bytes as well. rootFd, when
+// not -1, is root opened already (saves opening it per file).
+Result<std::string> ReadRepositoryFile(const Url& file, std::size_t limit, const Url& root = Url(), int rootFd = -1);
 
 // Splits text into lines: LF ends a line, CR is dropped, the end of the text ends the last line.
 class LineReader {
@@ -111,8 +131,8 @@ private:
 
 // A metadata value file. A derived file holds the value in an envelope with the derived-data
 // stamp; a stamp that isn't the current one, or no envelope, reads as absent. A missing file
-// reads as absent; an unreadable one is a file format error.
-Result<std::optional<Data>> ReadMetaDataFile(const Url& file, bool derived);
+// reads as absent; an unreadable one is a file format error. root as for ReadRepositoryFile.
+Result<std::optional<Data>> ReadMetaDataFile(const Url& file, bool derived, const Url& root = Url(), int rootFd = -1);
 Result<void> WriteMetaDataFile(const Url& file, const Data& value, bool derived);
 
 } // namespace kelvo
