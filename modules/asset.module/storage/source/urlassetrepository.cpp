@@ -9,6 +9,7 @@
 #include <cerrno>
 
 #include <algorithm>
+#include <cctype>
 #include <filesystem>
 
 #include "asset/core/asset_url.h"
@@ -283,9 +284,11 @@ Result<void> UrlAssetRepositoryImpl::ScanTree(const IdReceiver& receiver, Loaded
   for (const DirectoryEntry& entry : entries) {
     if (IsCurrentJobCancelled()) return OperationCancelledError();
     if (entry.type != IODETECT::DIRECTORY || entry.isLink) continue;
-    // The index and a compaction's working directories are no assets (archives and served trees
-    // carry them too, where the warning below would fire for them).
-    if (IsReservedRootName(entry.name)) continue;
+    // The index is no asset (archives and served trees carry it too, where the warning below would
+    // fire for it). Asset directories never take that name in any case.
+    if (std::equal(entry.name.begin(), entry.name.end(), std::string_view("_index").begin(), std::string_view("_index").end(),
+                   [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) == b; }))
+      continue;
     const Url dir = _url.Append(entry.name);
     const Url infoFile = dir.Append("asset.info");
     Result<std::string> info = ReadRepositoryFile(infoFile, kSmallFileLimit, _url, _root.fd);
