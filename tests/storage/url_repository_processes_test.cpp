@@ -171,7 +171,9 @@ TEST_F(RepositoryProcessesTest, KilledWritersLeaveWholeVersionsAndNoReusedSlot) 
       }
     }));
   }
-  // Each writer is killed at its own random moment, within a few hundred milliseconds.
+  // Each writer is killed at its own random moment, within a few hundred milliseconds of the first
+  // finished store (a slow build may need seconds to get there; the check below needs one).
+  for (int waited = 0; waited < 3000 && ReadReport("k0").empty(); ++waited) ::usleep(10000);
   for (pid_t child : children) {
     ::usleep(static_cast<useconds_t>(50000 + random() % 250000));
     ::kill(child, SIGKILL);
