@@ -3,6 +3,8 @@
 // Data values. The module only defines and registers them (net.kelvo.registry.datatypes, type Id
 // to type name); the members beyond an Id, references, flag, delegate and map are the contract
 // of the preset classes that use them. Equality of references and delegates is identity.
+// The references are strong: a value kept in the metadata of the repository it names keeps that
+// repository alive for good, so keep such values only while the preset operation runs.
 
 #include <functional>
 #include <memory>
