@@ -21,26 +21,14 @@
 #include "kelvo/settings.h"
 #include "kelvo/zip_io.h"
 #include "text_asset.h"
+#include "bench_util.h"
 #include "asset/storage/urlassetrepository.h"
 
 using namespace kelvo;
 namespace fs = std::filesystem;
+using namespace kelvo::bench;
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double Seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
-
-std::size_t EnvNumber(const char* name, std::size_t fallback) {
-  const char* v = std::getenv(name);
-  return v && *v ? static_cast<std::size_t>(std::strtoull(v, nullptr, 10)) : fallback;
-}
-
-[[noreturn]] void Die(const std::string& what, const Error& error) {
-  std::fprintf(stderr, "%s: %s\n", what.c_str(), error.IsSet() ? error.ToString().c_str() : "failed");
-  std::exit(1);
-}
 
 struct BenchData {
   fs::path root;

@@ -1,10 +1,14 @@
 #pragma once
-// Small helpers the benchmarks share: wall and CPU clocks, and sizes from the environment.
+// Small helpers the benchmarks share: wall and CPU clocks, sizes from the environment, failing.
 
 #include <sys/resource.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <string>
+
+#include "kelvo/result.h"
 
 namespace kelvo::bench {
 
@@ -27,6 +31,12 @@ inline double CpuSeconds(int who) {
 inline std::size_t EnvNumber(const char* name, std::size_t fallback) {
   const char* v = std::getenv(name);
   return v && *v ? static_cast<std::size_t>(std::strtoull(v, nullptr, 10)) : fallback;
+}
+
+// Ends the benchmark with what failed and why.
+[[noreturn]] inline void Die(const std::string& what, const kelvo::Error& error) {
+  std::fprintf(stderr, "%s: %s\n", what.c_str(), error.IsSet() ? error.ToString().c_str() : "failed");
+  std::exit(1);
 }
 
 } // namespace kelvo::bench

@@ -16,23 +16,20 @@
 #include "asset/search/search_filter.h"
 #include "asset/types/keyword_asset.h"
 #include "asset/types/typed_assets.h"
+#include "bench_util.h"
 #include "text_asset.h"
 
 using namespace kelvo;
+using namespace kelvo::bench;
 
 namespace {
 
 constexpr const char* kFilter = "wood TYPE:text SIZE:>1K NAME:beam";
 constexpr const char* kNeedle = "Beam";
 
-std::size_t EnvNumber(const char* name, std::size_t fallback) {
-  const char* v = std::getenv(name);
-  return v && *v ? static_cast<std::size_t>(std::strtoull(v, nullptr, 10)) : fallback;
-}
-
 Data Strings(const std::string& name) {
   DataDictionary text;
-  text.SetData(Id("net.kelvo.description.string.base.translatedstring"), Data(name));
+  text.SetData(stringkeys::translatedString, Data(name));
   DataDictionary strings;
   strings.SetData(Id("net.kelvo.object.base.name"), Data(text));
   return Data(strings);

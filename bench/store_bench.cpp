@@ -22,18 +22,12 @@
 #include <string>
 #include <vector>
 
+#include "bench_util.h"
+
 namespace fs = std::filesystem;
+using namespace kelvo::bench;
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double Seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
-
-std::size_t EnvNumber(const char* name, std::size_t fallback) {
-  const char* text = std::getenv(name);
-  return text && *text ? static_cast<std::size_t>(std::strtoull(text, nullptr, 10)) : fallback;
-}
 
 const fs::path& Work() {
   static const fs::path dir = fs::path("/tmp") / ("kelvo_store_bench_" + std::to_string(::getpid()));

@@ -18,29 +18,14 @@
 #include "asset/core/asset_description.h"
 #include "kelvo/application.h"
 #include "text_asset.h"
+#include "bench_util.h"
 #include "asset/storage/urlassetrepository.h"
 
 using namespace kelvo;
 namespace fs = std::filesystem;
+using namespace kelvo::bench;
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double Seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
-
-// CPU seconds (user and system) of this process, or of its finished children.
-double CpuSeconds(int who) {
-  rusage u{};
-  ::getrusage(who, &u);
-  return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
-         static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
-}
-
-std::size_t EnvNumber(const char* name, std::size_t fallback) {
-  const char* v = std::getenv(name);
-  return v && *v ? static_cast<std::size_t>(std::strtoull(v, nullptr, 10)) : fallback;
-}
 
 // Runs a shell command and returns its wall time; negative when it failed.
 double TimeCommand(const std::string& command) {

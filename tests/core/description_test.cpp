@@ -20,7 +20,7 @@ Data Strings(std::initializer_list<std::pair<Id, std::string>> texts) {
   DataDictionary strings;
   for (const auto& [key, text] : texts) {
     DataDictionary entry;
-    entry.SetData(Id("net.kelvo.description.string.base.translatedstring"), text);
+    entry.SetData(stringkeys::translatedString, text);
     strings.SetData(key, Data(std::move(entry)));
   }
   return Data(std::move(strings));
