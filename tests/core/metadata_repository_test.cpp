@@ -101,5 +101,6 @@ TEST(MetaDataInRepository, LoadsWithLinkUpdatesAndTheNewVersion) {
   ASSERT_TRUE(loaded.HasValue()) << loaded.GetError().ToString();
   EXPECT_EQ(dynamic_cast<TextAsset*>(loaded->get())->text, "two");
   EXPECT_EQ((*loaded)->GetIdAndVersion().second, d2->GetIdAndVersion().second);
+  EXPECT_EQ((*loaded)->GetRepository(), repo);
   (void)d1;
 }

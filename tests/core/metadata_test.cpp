@@ -1,6 +1,6 @@
 // The metadata table: write rules by kind, lazy loading through a back end, computation and
-// caching of derived values. A small fake repository stands in for a back end; the description
-// paths that need one (late URL, the new version, storing translated strings) use it too.
+// caching of derived values. A scripted loader in front of an in-memory repository stands in for a
+// back end; the description paths that need one (late URL, storing translated strings) use it too.
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@
 
 #include "asset/core/asset_description.h"
 #include "asset/core/assetrepositorydecorator.h"
-#include "asset/core/baseassetrepository.h"
+#include "asset/core/memoryassetrepository.h"
 
 namespace kelvo {
 namespace {
@@ -22,33 +22,21 @@ const IdAndVersion kAid{Id("net.kelvo.test.asset"), Id("v2")};
 const InternedId kValue{"net.kelvo.test.value"};
 const InternedId kOther{"net.kelvo.test.other"};
 
-#define FAKE_UNSUPPORTED { return UnsupportedOperationError("Not part of the fake repository."); }
-
-// Answers only what metadata and descriptions ask of a repository.
-class PlainFakeRepository : public AssetRepositoryInterface {
+// An in-memory repository behind a decorator that scripts what metadata and descriptions load
+// and records what they ask: the descriptions it finds are the ones a test registers, and metadata
+// writes go to the description's table and to backEnd.
+class FakeRepository final : public AssetRepositoryDecoratorBase, public AssetRecordLoader {
 public:
-  Result<void> SetData(const Id&, const Data&) override FAKE_UNSUPPORTED
-  Data GetData(const Id&) const override { return Data(); }
-  Result<void> EraseData(const Id&) override FAKE_UNSUPPORTED
-  Id GetId() const override { return Id("net.kelvo.repository.test.fake"); }
-  RepositoryArrayRef GetBases() const override { return std::make_shared<const RepositoryArray>(); }
-  Result<bool> GetDerived(const RepositoryReceiver&) const override { return true; }
-  Result<void> InitBases(const RepositoryArray&) override FAKE_UNSUPPORTED
-  Result<void> AddBase(const AssetRepositoryRef&) override FAKE_UNSUPPORTED
-  Result<void> RemoveBase(const AssetRepositoryRef&) override FAKE_UNSUPPORTED
-  AssetRepositoryRef FindRepository(const Id&) const override { return nullptr; }
-  bool IsWritable() const override { return true; }
-  Result<bool> PrivateFindAssets(const TypeArray&, const Id&, const Id&, ASSET_FIND_MODE, const AssetReceiver&,
-                                 FindState&) override FAKE_UNSUPPORTED
-  Result<void> PrivatePrefetchMetaData(const InternedId&, std::uint32_t, ASSET_FIND_MODE,
-                                       std::unordered_set<const AssetRepositoryInterface*>&) override { return {}; }
+  AssetRepositoryRef PrivateGetDecoratedObject() const override { return _memory; }
+  AssetRecordLoaderRef GetRecordLoader() override { return AssetRecordLoaderRef(shared_from_this(), this); }
+
   // Matches by asset Id and, when given, version; with LATEST only the last match.
-  Result<bool> FindAssets(const TypeArray& types, const Id& aid, const Id& version, ASSET_FIND_MODE findMode,
+  Result<bool> FindAssets(const TypeArray&, const Id& aid, const Id& version, ASSET_FIND_MODE findMode,
                           const AssetReceiver& receiver, const RepositoryVisibilityReceiver&) override {
     std::vector<AssetDescription> matches;
     {
       std::lock_guard guard(mutex);
-      findCalls.push_back(FindCall{types, aid, version, findMode});
+      findModes.push_back(findMode);
       for (const auto& d : descriptions)
         if (d->GetIdAndVersion().first == aid && (version.IsEmpty() || d->GetIdAndVersion().second == version))
           matches.push_back(d);
@@ -60,15 +48,6 @@ public:
     }
     return true;
   }
-  Result<AssetDescription> FindLatestAsset(const Id&, const Id&, const Id&, ASSET_FIND_MODE) override FAKE_UNSUPPORTED
-  Result<AssetDescription> GetDescription(const AssetIdentifier&) const override FAKE_UNSUPPORTED
-  COMPARERESULT CompareVersions(const std::shared_ptr<const AssetBase>&,
-                                const std::shared_ptr<const AssetBase>&) const override { return INCOMPARABLE; }
-  Result<AssetDescription> StoreAsset(const Id&, const Asset&, const AssetMetaDataRef&) override FAKE_UNSUPPORTED
-  Result<AssetDescription> OverwriteAsset(const Id&, const Asset&, const AssetMetaDataRef&) override FAKE_UNSUPPORTED
-  Result<AssetDescription> DeleteAsset(const Id&) override FAKE_UNSUPPORTED
-  Result<void> EraseAsset(const AssetDescription&) override FAKE_UNSUPPORTED
-  Result<AssetDescription> CopyAsset(const Id&, const AssetDescription&, bool, bool) override FAKE_UNSUPPORTED
   // Writes into the description's table under its lock, as the repository core does.
   Result<void> StoreMetaData(const AssetDescription& asset, const InternedId& metaId, const Data& data,
                              std::uint32_t kind) override {
@@ -83,54 +62,6 @@ public:
     backEnd[metaId] = data;
     return {};
   }
-  Result<void> StoreUrlMetaData(const AssetDescription&, const InternedId&, const Url&, std::uint32_t) override
-      FAKE_UNSUPPORTED
-  std::shared_ptr<ObservableBaseChangedType> ObservableBaseChanged(bool) override { return nullptr; }
-  std::shared_ptr<ObservableAssetType> ObservableAssetStored(bool) override { return nullptr; }
-  std::shared_ptr<ObservableAssetType> ObservableAssetErased(bool) override { return nullptr; }
-  std::shared_ptr<ObservableAssetType> ObservableAssetUpdated(bool) override { return nullptr; }
-  std::shared_ptr<ObservableMetaDataStoredType> ObservableMetaDataStored(bool) override { return nullptr; }
-  std::shared_ptr<ObservableDownloadStateChangedType> ObservableDownloadStateChanged(bool) override { return nullptr; }
-  Result<CachedValue> GetCachedData(const Data&, const std::function<Result<CachedValue>()>&) override
-      FAKE_UNSUPPORTED
-  Id GetDescriptionDatabaseId() const override { return Id(); }
-  Result<std::string> GetRepositoryName(const LanguageRef&, bool) override FAKE_UNSUPPORTED
-  Result<void> SetRepositoryName(const std::string&, const LanguageRef&) override FAKE_UNSUPPORTED
-  Result<DerivedAssetRepositoryDataRef> GetDerivedCachedData(
-      const Data&, const std::function<Result<DerivedAssetRepositoryDataRef>()>&) override FAKE_UNSUPPORTED
-  void HandleBaseChanged(const AssetRepositoryRef&, bool) override {}
-  void HandleAssetStored(const AssetDescription&) override {}
-  void HandleAssetErased(const AssetDescription&) override {}
-  void HandleAssetUpdated(const AssetDescription&) override {}
-  void HandleMetaDataStored(const AssetDescription&, const InternedId&, std::uint32_t, const Data&,
-                            const Data&) override {}
-  void HandleDownloadStateChanged(const AssetRepositoryRef&, bool) override {}
-
-  struct FindCall {
-    TypeArray types;
-    Id aid, version;
-    ASSET_FIND_MODE mode;
-  };
-  struct StoreCall {
-    InternedId metaId;
-    std::uint32_t kind;
-  };
-  std::mutex mutex;
-  std::vector<AssetDescription> descriptions;
-  std::vector<FindCall> findCalls;
-  std::vector<StoreCall> stores;
-  std::map<InternedId, Data> backEnd;
-};
-
-class FakeRepository final : public PlainFakeRepository, public BaseAssetRepositoryInterface {
-public:
-  Result<void> LoadExistingIdsImpl(const IdReceiver&) override { return {}; }
-  Result<void> LoadVersionsImpl(const Id&, const Id&, const Data&, const VersionReceiver&) override { return {}; }
-  Result<Data> CreateDataForIdImpl(const Id&, const Id&) override { return Data(); }
-  Result<StoredVersion> StoreImpl(const Asset&, bool, const Id&, const AssetDescription&, Data&,
-                                  const VersionNumber&, bool) override FAKE_UNSUPPORTED
-  Result<void> EraseImpl(const AssetDescription&, const Data&) override FAKE_UNSUPPORTED
-  Result<bool> HandleAssetErasedCompletely(const Id&, const Data&) override FAKE_UNSUPPORTED
   Result<std::optional<Data>> LoadMetaDataImpl(const Data& vdata, const InternedId& metaId,
                                                std::uint32_t kind) override {
     ++loadCalls;
@@ -141,21 +72,29 @@ public:
     auto it = backEnd.find(metaId);
     return it == backEnd.end() ? std::optional<Data>() : std::optional<Data>(it->second);
   }
-  Result<Data> StoreMetaDataImpl(const Data&, const InternedId&, const Data& data, const IdAndVersion&, const Url&,
-                                 std::uint32_t, bool) override { return data; }
   Result<void> AssetLoadedImpl(const Asset& asset, bool updateLinks) override {
     std::lock_guard guard(mutex);
     loadedAssets.emplace_back(asset, updateLinks);
     return {};
   }
-  Result<VersionNumber> GetNextVersionImpl() override { return VersionNumber{1, 1}; }
-  Result<void> UpdateNextVersionImpl(const VersionNumber&) override { return {}; }
 
+  struct StoreCall {
+    InternedId metaId;
+    std::uint32_t kind;
+  };
+  std::mutex mutex;
+  std::vector<AssetDescription> descriptions;
+  std::vector<ASSET_FIND_MODE> findModes;
+  std::vector<StoreCall> stores;
+  std::map<InternedId, Data> backEnd;
   std::atomic<int> loadCalls{0};
   Error loadError;
   Data lastVdata;
   std::uint32_t lastKind = 0;
   std::vector<std::pair<Asset, bool>> loadedAssets;
+
+private:
+  AssetRepositoryRef _memory = MemoryAssetRepositoryImpl::Create(Id("net.kelvo.repository.test.fake"), true).GetValue();
 };
 
 // An asset type whose ComputeMetaData each test scripts.
@@ -328,7 +267,9 @@ TEST_F(BoundMetaDataTest, ConcurrentFirstReadsLoadOnce) {
   EXPECT_EQ(meta->GetTimeStamp(kValue), 0u);
 }
 
-TEST_F(BoundMetaDataTest, MissingPlainValueIsRememberedAndNotComputed) {
+// A missing or unreadable value (an io error) is remembered as none and not computed; other
+// load errors are returned and the next read tries again.
+TEST_F(BoundMetaDataTest, LoadErrors) {
   g_compute = Gives(Data("computed"), false);
   repo->loadError = IoError("Can't open @: gone", "file");
   auto meta = MakeMeta(K::PERSISTENT);
@@ -339,37 +280,15 @@ TEST_F(BoundMetaDataTest, MissingPlainValueIsRememberedAndNotComputed) {
   }
   EXPECT_EQ(repo->loadCalls, 1);
   EXPECT_EQ(g_computeCalls, 0);
-}
 
-TEST_F(BoundMetaDataTest, OtherLoadErrorsAreReturnedAndNotRemembered) {
   repo->loadError = UnexpectedError("broken back end");
-  auto meta = MakeMeta(K::PERSISTENT);
-  auto failed = meta->Get(kValue);
+  auto other = MakeMeta(K::PERSISTENT);
+  auto failed = other->Get(kValue);
   ASSERT_TRUE(failed.HasError());
   EXPECT_EQ(failed.GetError().GetMessage(), "broken back end");
   repo->loadError = Error();
   repo->backEnd[kValue] = Data("later");
-  EXPECT_EQ(*meta->GetValue<std::string>(kValue), "later");
-}
-
-TEST_F(BoundMetaDataTest, MissingDerivedCacheIsComputedAndStored) {
-  g_compute = Gives(Data(std::int64_t(42)), false);
-  repo->loadError = IoError("Can't open @", "derived file");
-  auto meta = MakeMeta(K::PERSISTENT | K::DERIVED);
-  EXPECT_EQ(*meta->GetValue<std::int64_t>(kValue), 42);
-  ASSERT_EQ(repo->findCalls.size(), 1u);
-  const auto& find = repo->findCalls[0];
-  EXPECT_EQ(find.types, TypeArray{kComputingType});
-  EXPECT_EQ(find.aid, kAid.first);
-  EXPECT_EQ(find.version, kAid.second);
-  EXPECT_EQ(find.mode, ALL | WITHOUT_BASES);
-  ASSERT_EQ(repo->stores.size(), 1u);
-  EXPECT_EQ(repo->stores[0].metaId, kValue);
-  EXPECT_EQ(repo->stores[0].kind, 10u);
-  // Cached now: neither the back end nor the type is asked again.
-  EXPECT_EQ(*meta->GetValue<std::int64_t>(kValue), 42);
-  EXPECT_EQ(g_computeCalls, 1);
-  EXPECT_EQ(repo->loadCalls, 1);
+  EXPECT_EQ(*other->GetValue<std::string>(kValue), "later");
 }
 
 TEST_F(BoundMetaDataTest, FinalValuesAndValuesWithoutDescriptionAreNotStored) {
@@ -413,14 +332,14 @@ TEST_F(BoundMetaDataTest, RepositoryGoneOrWithoutBackEnd) {
     EXPECT_TRUE(r.GetError().Is(errors::illegalstate));
     EXPECT_EQ(r.GetError().GetMessage(), "Repository doesn't exist any longer.");
   }
-  auto plain = std::make_shared<PlainFakeRepository>();
+  // A decorator whose repository is gone has no back end to load from.
+  auto dead = WeakAssetRepositoryDecorator::Create(std::make_shared<FakeRepository>());
   MetaEntryMap entries{{kValue, MetaEntry{Data(), K::PERSISTENT, false, 0}}};
-  auto other = std::make_shared<AssetMetaDataImpl>(AssetRepositoryRef(plain), kComputingType, kAid, VersionKey{},
+  auto other = std::make_shared<AssetMetaDataImpl>(AssetRepositoryRef(dead), kComputingType, kAid, VersionKey{},
                                                    Data(), std::move(entries));
   auto r = other->Get(kValue);
   ASSERT_TRUE(r.HasError());
-  EXPECT_EQ(r.GetError().GetMessage().rfind("Repository has unsupported class ", 0), 0u);
-  EXPECT_NE(r.GetError().GetMessage().find("PlainFakeRepository."), std::string::npos);
+  EXPECT_EQ(r.GetError().GetMessage(), "Repository has unsupported class kelvo::WeakAssetRepositoryDecorator.");
 }
 
 // Metadata and a description bound to a decorator load through the decorated back end.
@@ -440,14 +359,6 @@ TEST_F(BoundMetaDataTest, BoundToADecoratorLoadsThroughTheDecoratedBackEnd) {
   ASSERT_TRUE(loaded.HasValue()) << loaded.GetError().ToString();
   ASSERT_EQ(repo->loadedAssets.size(), 1u);
   EXPECT_EQ(repo->loadedAssets[0], std::make_pair(*loaded, false));
-  // Once the decorated repository is gone, reads fail clearly instead of finding nothing.
-  auto other = std::make_shared<AssetMetaDataImpl>(
-      AssetRepositoryRef(decorator), kComputingType, kAid, VersionKey{}, Data(),
-      MetaEntryMap{{kOther, MetaEntry{Data(), K::PERSISTENT, false, 0}}});
-  decorated.reset();
-  description.reset();
-  repo.reset();
-  EXPECT_TRUE(other->Get(kOther).HasError());
 }
 
 // ---- description paths that need a repository ------------------------------------------------
@@ -459,26 +370,8 @@ TEST_F(BoundMetaDataTest, LateUrlComesFromTheLatestVersion) {
   MakeMeta(0, Url::FromFile("/store/v2/content"));
   EXPECT_EQ(late->GetUrl().GetValueOr(Url()), Url::FromFile("/store/v2/content"));
   EXPECT_EQ(late->GetUrl().GetValueOr(Url()), Url::FromFile("/store/v2/content"));
-  ASSERT_EQ(repo->findCalls.size(), 2u);
-  EXPECT_EQ(repo->findCalls[1].mode, LATEST | WITHOUT_BASES);
-  EXPECT_TRUE(repo->findCalls[1].version.IsEmpty());
-}
-
-TEST_F(BoundMetaDataTest, NewVersionLoadsTheLatestStoredVersion) {
-  MakeMeta(0, Url::FromFile("/store/v2/content"));
-  auto pending = std::make_shared<AssetDescriptionImpl>(IdAndVersion{kAid.first, g_newVersion}, kComputingType,
-                                                        VersionKey::NewVersion(), nullptr, false, repo, Url());
-  auto loaded = pending->Load(true);
-  ASSERT_TRUE(loaded.HasValue()) << loaded.GetError().ToString();
-  EXPECT_EQ((*loaded)->GetIdAndVersion(), kAid);
-  EXPECT_EQ((*loaded)->GetRepository(), repo);
-  EXPECT_EQ(dynamic_cast<FileAssetInterface&>(**loaded).GetUrl(), Url::FromFile("/store/v2/content"));
-  // The latest version keeps its own object; the stand-in holds a copy. Both loads are reported.
-  auto latest = description->Load(true);
-  EXPECT_NE(latest.GetValueOr(nullptr), *loaded);
-  ASSERT_EQ(repo->loadedAssets.size(), 2u);
-  EXPECT_EQ(repo->loadedAssets[0], std::make_pair(*latest, true));
-  EXPECT_EQ(repo->loadedAssets[1], std::make_pair(*loaded, true));
+  ASSERT_EQ(repo->findModes.size(), 2u);
+  EXPECT_EQ(repo->findModes[1], LATEST | WITHOUT_BASES);
 }
 
 TEST_F(BoundMetaDataTest, TranslatedStringsAreStoredPerLanguage) {

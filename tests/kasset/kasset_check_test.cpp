@@ -15,25 +15,14 @@ namespace fs = std::filesystem;
 using kelvo::testing::KassetRun;
 using kelvo::testing::ReadFile;
 
-class KassetCheckTest : public ::testing::Test {
+class KassetCheckTest : public kelvo::testing::KassetFixture {
 protected:
   void SetUp() override {
-    static int counter = 0;
-    root = fs::temp_directory_path() / ("kasset_check_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
-    fs::create_directories(root / "files");
+    KassetFixture::SetUp();
     Write(root / "files" / "a.txt", "alpha\n");
     Write(root / "files" / "b.txt", "beta\n");
     ASSERT_EQ(Kasset({"init", "repo"}).code, 0);
   }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(root, ec);
-  }
-  static void Write(const fs::path& path, const std::string& content) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << content;
-  }
-  KassetRun Kasset(const std::vector<std::string>& args) { return kelvo::testing::RunKasset(root, args); }
   KassetRun InRepo(std::vector<std::string> args) {
     args.insert(args.begin(), {"--repo", (root / "repo").string()});
     return Kasset(args);
@@ -48,8 +37,6 @@ protected:
   static void MakeOld(const fs::path& path) {
     fs::last_write_time(path, fs::file_time_type::clock::now() - std::chrono::hours(1));
   }
-
-  fs::path root;
 };
 
 TEST_F(KassetCheckTest, CheckReportsDamageAndRepairRemovesLeftovers) {

@@ -18,28 +18,19 @@ namespace fs = std::filesystem;
 using kelvo::testing::KassetRun;
 using kelvo::testing::ReadFile;
 
-class KassetDbTest : public ::testing::Test {
+class KassetDbTest : public kelvo::testing::KassetFixture {
 protected:
   void SetUp() override {
-    static int counter = 0;
-    root = fs::temp_directory_path() / ("kasset_db_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
+    KassetFixture::SetUp();
     fs::create_directories(root / "library" / "assets");
-    std::ofstream(root / "notes.txt") << "notes in a database\n";
+    Write(root / "notes.txt", "notes in a database\n");
   }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(root, ec);
-  }
-
-  KassetRun Kasset(const std::vector<std::string>& args) { return kelvo::testing::RunKasset(root, args); }
   // A database in dir holding notes.txt under the Id "notes".
   void MakeDatabase(const fs::path& dir) {
     ASSERT_EQ(Kasset({"init", dir.string()}).code, 0);
     KassetRun added = Kasset({"--repo", dir.string(), "add", "--id", "notes", (root / "notes.txt").string()});
     ASSERT_EQ(added.code, 0) << added.err;
   }
-
-  fs::path root;
 };
 
 TEST_F(KassetDbTest, AddListDeactivateRemove) {

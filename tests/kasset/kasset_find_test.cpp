@@ -14,14 +14,12 @@ namespace {
 namespace fs = std::filesystem;
 using kelvo::testing::KassetRun;
 
-class KassetFindTest : public ::testing::Test {
+class KassetFindTest : public kelvo::testing::KassetFixture {
 protected:
   void SetUp() override {
-    static int counter = 0;
-    root = fs::temp_directory_path() / ("kasset_find_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
-    fs::create_directories(root);
-    std::ofstream(root / "oak.txt") << "oak\n";
-    std::ofstream(root / "pine.txt") << std::string(3000, 'p');
+    KassetFixture::SetUp();
+    Write(root / "oak.txt", "oak\n");
+    Write(root / "pine.txt", std::string(3000, 'p'));
     ASSERT_EQ(Kasset({"init", Repo()}).code, 0);
     ASSERT_EQ(Kasset({"init", (root / "db").string()}).code, 0);
     ASSERT_EQ(InRepo({"add", "--id", "oak", "--name", "Oak beam", (root / "oak.txt").string()}).code, 0);
@@ -33,20 +31,13 @@ protected:
                   .code,
               0);
   }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(root, ec);
-  }
 
   std::string Repo() const { return (root / "repo").string(); }
-  KassetRun Kasset(const std::vector<std::string>& args) { return kelvo::testing::RunKasset(root, args); }
   KassetRun InRepo(std::vector<std::string> args) {
     args.insert(args.begin(), {"--repo", Repo(), "--mount", (root / "db").string()});
     return Kasset(args);
   }
   static bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-  fs::path root;
 };
 
 TEST_F(KassetFindTest, AFilterRunsOverTheRepositoryAndWhatIsMounted) {

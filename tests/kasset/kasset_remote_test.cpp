@@ -16,24 +16,20 @@ namespace {
 namespace fs = std::filesystem;
 using kelvo::testing::KassetRun;
 
-class KassetRemoteTest : public ::testing::Test {
+class KassetRemoteTest : public kelvo::testing::KassetFixture {
 protected:
   void SetUp() override {
-    static int counter = 0;
-    root = fs::temp_directory_path() / ("kasset_remote_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
+    KassetFixture::SetUp();
     fs::create_directories(root / "library" / "assets");
   }
   void TearDown() override {
     nginx.reset();
-    std::error_code ec;
-    fs::remove_all(root, ec);
+    KassetFixture::TearDown();
   }
-
-  KassetRun Kasset(const std::vector<std::string>& args) { return kelvo::testing::RunKasset(root, args); }
   // Adds a file holding text to the served repository under the Id aid.
   void Add(const std::string& aid, const std::string& text) {
     const fs::path file = root / (aid + ".txt");
-    std::ofstream(file) << text;
+    Write(file, text);
     KassetRun added = Kasset({"--repo", Served().string(), "add", "--id", aid, file.string()});
     ASSERT_EQ(added.code, 0) << added.err;
   }
@@ -41,7 +37,6 @@ protected:
   // The content file of aid's first version in the served tree.
   fs::path ContentOf(const std::string& aid) const { return Served() / aid / "1" / "asset.txt"; }
 
-  fs::path root;
   std::unique_ptr<kelvo::test::NginxServer> nginx;
 };
 

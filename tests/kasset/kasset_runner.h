@@ -2,6 +2,8 @@
 // Runs the kasset binary as a subprocess, as a person or a script would, and reads back what it
 // printed.
 
+#include <gtest/gtest.h>
+
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -21,5 +23,18 @@ std::string ReadFile(const std::filesystem::path& path);
 // under root. The output is captured in files under root that are removed again, so that the tree
 // holds only what kasset itself wrote.
 KassetRun RunKasset(const std::filesystem::path& root, const std::vector<std::string>& args);
+
+// A test with its own temporary directory root (made empty before the test, removed after it) in
+// which kasset runs.
+class KassetFixture : public ::testing::Test {
+protected:
+  void SetUp() override;
+  void TearDown() override;
+  KassetRun Kasset(const std::vector<std::string>& args) { return RunKasset(root, args); }
+  // Writes content to path, making its directories first.
+  static void Write(const std::filesystem::path& path, const std::string& content);
+
+  std::filesystem::path root;
+};
 
 } // namespace kelvo::testing

@@ -1,6 +1,7 @@
 #include "kasset_runner.h"
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -42,6 +43,24 @@ KassetRun RunKasset(const fs::path& root, const std::vector<std::string>& args) 
   fs::remove(root / ".out");
   fs::remove(root / ".err");
   return run;
+}
+
+void KassetFixture::SetUp() {
+  const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+  root = fs::temp_directory_path() / ("kasset_" + std::string(info->test_suite_name()) + "_" + info->name() + "_" +
+                                      std::to_string(::getpid()));
+  fs::remove_all(root);
+  fs::create_directories(root);
+}
+
+void KassetFixture::TearDown() {
+  std::error_code ec;
+  fs::remove_all(root, ec);
+}
+
+void KassetFixture::Write(const fs::path& path, const std::string& content) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary) << content;
 }
 
 } // namespace kelvo::testing

@@ -22,25 +22,13 @@ std::vector<std::string> Lines(const std::string& text) {
   return lines;
 }
 
-class KassetTest : public ::testing::Test {
+class KassetTest : public kelvo::testing::KassetFixture {
 protected:
   void SetUp() override {
-    static int counter = 0;
-    root = fs::temp_directory_path() / ("kasset_test_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
-    fs::create_directories(root / "files");
-    Write("files/notes.txt", "first notes\n");
-    Write("files/photo.png", std::string("\x89PNG fake image", 15));
+    KassetFixture::SetUp();
+    Write(root / "files/notes.txt", "first notes\n");
+    Write(root / "files/photo.png", std::string("\x89PNG fake image", 15));
   }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(root, ec);
-  }
-
-  void Write(const std::string& relative, const std::string& content) {
-    std::ofstream(root / relative, std::ios::binary) << content;
-  }
-
-  KassetRun Kasset(const std::vector<std::string>& args) { return kelvo::testing::RunKasset(root, args); }
 
   // Every path under root with its size and content, to tell whether a command changed anything.
   std::string Listing() {
@@ -70,8 +58,6 @@ protected:
     EXPECT_NE(lines[0].find(messagePart), std::string::npos) << lines[0];
     EXPECT_EQ(Listing(), before) << joined;
   }
-
-  fs::path root;
 };
 
 TEST_F(KassetTest, FullSession) {
@@ -108,7 +94,7 @@ TEST_F(KassetTest, FullSession) {
   EXPECT_EQ(Kasset({"--repo", "repo", "find", "--type", "database", "--ids"}).out.rfind("databaseinfo_", 0), 0u);
 
   // A second version of the notes keeps the name and the keywords.
-  Write("files/notes.txt", "second notes\n");
+  Write(root / "files/notes.txt", "second notes\n");
   ASSERT_EQ(Kasset({"--repo", "repo", "add", "--id", notes, "files/notes.txt"}).code, 0);
   KassetRun show = Kasset({"--repo", "repo", "show", notes});
   ASSERT_EQ(show.code, 0) << show.err;

@@ -16,25 +16,18 @@ namespace fs = std::filesystem;
 using kelvo::testing::KassetRun;
 using kelvo::testing::ReadFile;
 
-class KassetTypesTest : public ::testing::Test {
+class KassetTypesTest : public kelvo::testing::KassetFixture {
 protected:
   void SetUp() override {
-    static int counter = 0;
-    root = fs::temp_directory_path() / ("kasset_types_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
-    fs::create_directories(root);
-    std::ofstream(root / "oak.txt") << "oak\n";
-    std::ofstream(root / "pine.txt") << "pine\n";
+    KassetFixture::SetUp();
+    Write(root / "oak.txt", "oak\n");
+    Write(root / "pine.txt", "pine\n");
     ASSERT_EQ(Kasset({"init", Repo()}).code, 0);
     oak = Add("oak.txt", "oak");
     pine = Add("pine.txt", "pine");
   }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(root, ec);
-  }
 
   std::string Repo() const { return (root / "repo").string(); }
-  KassetRun Kasset(const std::vector<std::string>& args) { return kelvo::testing::RunKasset(root, args); }
   KassetRun InRepo(std::vector<std::string> args) {
     args.insert(args.begin(), {"--repo", Repo()});
     return Kasset(args);
@@ -53,7 +46,6 @@ protected:
     return files;
   }
 
-  fs::path root;
   std::string oak, pine;
 };
 

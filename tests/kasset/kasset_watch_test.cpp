@@ -93,21 +93,14 @@ private:
   int _out = -1;
 };
 
-class KassetWatchTest : public ::testing::Test {
+class KassetWatchTest : public kelvo::testing::KassetFixture {
 protected:
   void SetUp() override {
-    root = fs::temp_directory_path() / ("kasset_watch_" + std::to_string(::getpid()));
+    KassetFixture::SetUp();
     fs::create_directories(root / "library" / "assets");
-    fs::create_directories(root / "Photos" / "Trips");
-    std::ofstream(root / "Photos" / "beach.png") << "png";
-    std::ofstream(root / "Photos" / "Trips" / "alps.jpg") << "jpg";
+    Write(root / "Photos" / "beach.png", "png");
+    Write(root / "Photos" / "Trips" / "alps.jpg", "jpg");
   }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(root, ec);
-  }
-  KassetRun Kasset(const std::vector<std::string>& args) { return kelvo::testing::RunKasset(root, args); }
-  fs::path root;
 };
 
 TEST_F(KassetWatchTest, AddListLsRemove) {

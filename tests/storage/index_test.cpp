@@ -243,6 +243,26 @@ TEST_F(IndexTest, ChangeRemovesIndexAndDelayedCompactionWritesANewOne) {
   EXPECT_EQ(Contents(reopened).count("epsilon"), 1u);
 }
 
+// A compaction asked for while a delayed or a running one is under way replaces it: side by side,
+// each would renew the change token and make the other's index stale.
+TEST_F(IndexTest, CompactSupersedesADelayedOrRunningCompaction) {
+  UrlAssetRepository::SetCompactionDelayOverride(0.05);
+  auto repo = Open();
+  for (int i = 0; i < 20; ++i) ASSERT_TRUE(Store(repo, "asset" + std::to_string(i), "text"));
+  for (const double delay : {10.0, 0.0}) {
+    SCOPED_TRACE(delay);
+    ASSERT_TRUE(repo->CompactInBackground(delay).HasValue());
+    auto compacted = repo->Compact();
+    ASSERT_TRUE(compacted.HasValue()) << compacted.GetError().ToString();
+    const std::string modified = ReadFile(Root() / "_index" / "modified.dat");
+    // Past the delay, nothing else has run and rewritten the index.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ASSERT_TRUE(JobQueue::GetDefaultQueue()->WaitAll().HasValue());
+    EXPECT_EQ(repo->GetIndexState(), REPOSITORYINDEXSTATE::EXISTS);
+    EXPECT_EQ(ReadFile(Root() / "_index" / "modified.dat"), modified);
+  }
+}
+
 TEST_F(IndexTest, RepositoryWithoutIndexGetsNoneOnChange) {
   auto repo = Open();
   ASSERT_TRUE(Store(repo, "a", "1"));

@@ -5,20 +5,12 @@
 #include <filesystem>
 #include <fstream>
 
-#include "kelvo/hash.h"
 #include "asset/storage/url_layout.h"
 
 using namespace kelvo;
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string Sha256Hex(const std::string& bytes) {
-  Sha256 h;
-  h.Update(bytes.data(), bytes.size());
-  const auto d = h.Finish();
-  return ToHex(d.data(), d.size());
-}
 
 TEST(UrlLayoutTest, AssetDirectoryNames) {
   EXPECT_EQ(AssetIdToDirectoryName("My Asset/One"), "my_asset_one");
@@ -97,33 +89,6 @@ protected:
   fs::path _root;
 };
 
-TEST_F(UrlLayoutFileTest, DirectoryDigestIsTheDigestOfItsListingInLetterOrder) {
-  Write("d/b", "x");
-  Write("d/A.TXT", "");
-  Write("d/.hidden", "h");
-  Write("d/sub/c", "y");
-  fs::create_symlink("/etc/passwd", _root / "d" / "link");
-  // Names as they are, letters before case ("." sorts first), hidden entries counted, links left out.
-  const std::string expected = Sha256Hex(Sha256Hex("h") + "  .hidden\n" + Sha256Hex("") + "  A.TXT\n" +
-                                         Sha256Hex("x") + "  b\n" + Sha256Hex(Sha256Hex("y") + "  c\n") + "  sub\n");
-  EXPECT_EQ(DigestToHex(*HashContent(U("d"), Url())), expected);
-  // Copying at the same time gives the same digest and the same tree, without the link.
-  auto copied = HashContent(U("d"), U("copy"));
-  ASSERT_TRUE(copied.HasValue());
-  EXPECT_EQ(DigestToHex(*copied), expected);
-  EXPECT_TRUE(fs::exists(_root / "copy" / "sub" / "c"));
-  EXPECT_TRUE(fs::exists(_root / "copy" / ".hidden"));
-  EXPECT_FALSE(fs::exists(fs::symlink_status(_root / "copy" / "link")));
-  EXPECT_EQ(DigestToHex(*HashContent(U("copy"), Url())), expected);
-  EXPECT_TRUE(HashContent(U("missing"), Url()).HasError());
-  fs::create_directories(_root / "emptydir");
-  EXPECT_EQ(DigestToHex(*HashContent(U("emptydir"), Url())), Sha256Hex(""));
-  // A tree is never copied into itself.
-  auto inside = CopyContent(U("d"), U("d/sub/again"));
-  ASSERT_TRUE(inside.HasError());
-  EXPECT_FALSE(fs::exists(_root / "d" / "sub" / "again"));
-}
-
 TEST_F(UrlLayoutFileTest, ContentAndMetadataOfAVersionDirectory) {
   Write("v/asset.png", "c");
   Write("v/hash", "h");
@@ -140,15 +105,6 @@ TEST_F(UrlLayoutFileTest, ContentAndMetadataOfAVersionDirectory) {
   ASSERT_TRUE(missing.HasValue());
   EXPECT_TRUE(missing->content.IsEmpty());
   EXPECT_TRUE(missing->meta.empty());
-}
-
-TEST_F(UrlLayoutFileTest, AtomicWritesLeaveNoTemporaryFiles) {
-  ASSERT_TRUE(U("f").WriteAll("one").HasValue());
-  ASSERT_TRUE(U("f").WriteAll("two").HasValue());
-  std::size_t n = 0;
-  for ([[maybe_unused]] const auto& e : fs::directory_iterator(_root)) ++n;
-  EXPECT_EQ(n, 1u);
-  EXPECT_TRUE(U("missing/f").WriteAll("x").HasError());
 }
 
 TEST(UrlLayoutTest, SafePathComponents) {

@@ -75,7 +75,6 @@ TEST_F(CategoryTest, GapsNamelessParentsAndCyclesEndOrShapeTheBreadcrumb) {
 TEST_F(CategoryTest, MovesThatWouldBreakTheTreeAreRefusedAndChangeNothing) {
   auto repo = Open();
   MakeTree(repo);
-  const auto before = Snapshot(Dir("main"));
   AssetDescription materials = Latest(repo, "materials");
   auto underChild = CategoryAssetInterface::MoveToCategory(materials, Id("oak"), repo);
   ASSERT_TRUE(underChild.HasError());
@@ -97,7 +96,6 @@ TEST_F(CategoryTest, MovesThatWouldBreakTheTreeAreRefusedAndChangeNothing) {
   ASSERT_TRUE(CategoryAssetInterface::MoveToCategory(Latest(repo, "oak"), Id(), repo).HasValue());
   ASSERT_TRUE(CategoryAssetInterface::MoveToCategory(Latest(repo, "wood"), Id("oak"), repo).HasValue());
   EXPECT_EQ(Crumbs(Latest(repo, "wood"), repo), std::vector<std::string>{"Oak"});
-  (void)before;
 }
 
 TEST_F(CategoryTest, ACategoryInABaseRepositoryIsReachedThroughTheRepositoryBuiltOnIt) {
