@@ -81,19 +81,10 @@ TEST(MetaDataInRepository, DerivedValuesAreComputedOnceAndCachedInTheBackEnd) {
   GetAssetTypeRegistry()->EraseEntry(kCountingType);
 }
 
-TEST(MetaDataInRepository, LoadsWithLinkUpdatesAndTheNewVersion) {
+TEST(MetaDataInRepository, TheNewVersionLoadsTheLatestStoredContent) {
   auto repo = MakeRepository("r");
   auto d1 = *repo->StoreAsset(Id("x"), MakeText("one"), nullptr);
   auto d2 = *repo->StoreAsset(Id("x"), MakeText("two"), nullptr);
-  // Load with and without link updates gives two distinct objects, each stable across calls.
-  auto reread = *MemoryAssetRepositoryImpl::Create(Id("r"), true, repo->GetStore());
-  auto latest = *reread->FindLatestAsset(Id(), Id("x"), Id(), NONE);
-  auto plain = *latest->Load(false), updating = *latest->Load(true);
-  EXPECT_NE(plain.get(), updating.get());
-  EXPECT_EQ(plain.get(), latest->Load(false)->get());
-  EXPECT_EQ(updating->GetUpdate(), 1u);
-  EXPECT_EQ(plain->GetUpdate(), 0u);
-
   // A description of the version that does not exist yet loads the latest stored content.
   auto pending = std::make_shared<AssetDescriptionImpl>(IdAndVersion{Id("x"), g_newVersion}, kTextType,
                                                         VersionKey::NewVersion(), nullptr, false, repo, Url());
@@ -102,5 +93,7 @@ TEST(MetaDataInRepository, LoadsWithLinkUpdatesAndTheNewVersion) {
   EXPECT_EQ(dynamic_cast<TextAsset*>(loaded->get())->text, "two");
   EXPECT_EQ((*loaded)->GetIdAndVersion().second, d2->GetIdAndVersion().second);
   EXPECT_EQ((*loaded)->GetRepository(), repo);
+  // The stand-in holds a copy: the latest version keeps its own object.
+  EXPECT_NE(loaded->get(), d2->Load(false).GetValueOr(nullptr).get());
   (void)d1;
 }

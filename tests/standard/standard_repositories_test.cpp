@@ -101,10 +101,6 @@ TEST_F(StandardRepositoriesTest, BrokenApplicationRepositoryFailsTheStart) {
 
 TEST_F(StandardRepositoriesTest, RepositoryTypes) {
   ASSERT_TRUE(StartAssetModule().HasValue());
-  auto types = GetRegistry<AssetRepositoryTypeInfo>(g_assetRepositoryTypesRegistryId);
-  ASSERT_TRUE(types.HasValue());
-  EXPECT_TRUE((*types)->FindEntryValue(repositorytypes::database).has_value());
-  EXPECT_TRUE((*types)->FindEntryValue(repositorytypes::watchfolder).has_value());
   EXPECT_EQ((*GetBuiltinAssetLoaders())->GetCount(), 0u);
 
   const Url dir = Url::FromFile((dirs.root / "other").string());

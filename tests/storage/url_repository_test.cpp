@@ -1,9 +1,6 @@
 // The URL repository on a real directory: opening, storing and reading back in a new object,
-// metadata files by kind, erasing, two objects on one tree, bad trees and crash safety.
+// metadata files by kind, erasing, two objects on one tree and bad trees.
 
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <set>
 
@@ -455,71 +452,6 @@ TEST_F(UrlRepositoryTest, ReadOnlyRepositoryReadsButNeverWrites) {
   ASSERT_TRUE(loaded.HasValue());
   EXPECT_FALSE(loaded->has_value());
   EXPECT_TRUE((*temp)->StoreMetaDataImpl(vdata, kDerived, Data(1), IdAndVersion{}, Url(), 10, false).HasError());
-}
-
-// ---- crash safety ------------------------------------------------------------------------------------
-
-TEST_F(UrlRepositoryTest, KilledWriterLeavesEveryCompletedStoreAndNoHalfVersion) {
-  Open().reset();
-  int fds[2];
-  ASSERT_EQ(::pipe(fds), 0);
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    ::close(fds[0]);
-    auto r = CreateUrlAssetRepository(Id("test.repo"), {}, RootUrl(), true, false, false);
-    if (r.HasError()) ::_exit(2);
-    const std::string big(64 * 1024, 'x');
-    for (int i = 0;; ++i) {
-      const std::string aid = "asset" + std::to_string(i % 50);
-      auto stored = (*r)->StoreAsset(Id(aid), MakeText(big + std::to_string(i)), nullptr);
-      if (stored.HasError()) ::_exit(3);
-      const std::string line = aid + " " + (*stored)->GetIdAndVersion().second.ToString() + "\n";
-      if (::write(fds[1], line.data(), line.size()) != static_cast<ssize_t>(line.size())) ::_exit(4);
-    }
-  }
-  ::close(fds[1]);
-  std::string reported;
-  char buffer[4096];
-  while (reported.size() < 100 * 80) {
-    const ssize_t n = ::read(fds[0], buffer, sizeof buffer);
-    if (n <= 0) break;
-    reported.append(buffer, static_cast<std::size_t>(n));
-  }
-  ::kill(child, SIGKILL);
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  while (true) {
-    const ssize_t n = ::read(fds[0], buffer, sizeof buffer);
-    if (n <= 0) break;
-    reported.append(buffer, static_cast<std::size_t>(n));
-  }
-  ::close(fds[0]);
-  ASSERT_TRUE(WIFSIGNALED(status)) << "writer ended with " << status;
-
-  auto repo = Open();
-  ASSERT_TRUE(repo);
-  const auto contents = Contents(repo);
-  std::size_t checked = 0;
-  LineReader reader(reported);
-  std::string line;
-  while (reader.Next(line)) {
-    const auto space = line.find(' ');
-    if (space == std::string::npos) continue; // a line cut by the kill
-    const std::string aid = line.substr(0, space), version = line.substr(space + 1);
-    ASSERT_TRUE(contents.count(aid)) << aid;
-    ASSERT_TRUE(contents.at(aid).count(version)) << aid << " " << version;
-    ++checked;
-  }
-  EXPECT_GT(checked, 50u);
-  // Every reported version is whole: its content hashes to its version Id.
-  for (const auto& [aid, versions] : contents)
-    for (const auto& [version, text] : versions) {
-      Sha256 h;
-      h.Update(text.data(), text.size());
-      const auto digest = h.Finish();
-      EXPECT_EQ(ToHex(digest.data(), digest.size()), version) << aid;
-    }
 }
 
 } // namespace
