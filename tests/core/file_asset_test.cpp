@@ -3,13 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "asset/core/asset_description.h"
 #include "asset/core/content_digest.h"
 #include "kelvo/hash.h"
+#include "temp_tree.h"
 
 namespace kelvo {
 namespace {
@@ -25,31 +25,17 @@ std::string HexOf(const std::string& bytes) {
 
 std::string HexOf(const Digest& d) { return ToHex(d.data(), d.size()); }
 
-// A fresh directory under the test temp dir, removed at the end of the test.
-class FileAssetTest : public ::testing::Test {
+class FileAssetTest : public kelvo::testing::TempTreeTest {
 protected:
-  void SetUp() override {
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    _root = fs::temp_directory_path() / ("kelvo_file_asset_" + std::string(info->name()) + "_" +
-                                         std::to_string(::getpid()));
-    fs::remove_all(_root);
-    fs::create_directories(_root);
-  }
-  void TearDown() override { fs::remove_all(_root); }
-
-  fs::path Path(const std::string& relative) const { return _root / relative; }
+  fs::path Path(const std::string& relative) const { return _dir / relative; }
   Url UrlOf(const std::string& relative) const { return Url::FromFile(Path(relative).string()); }
   void Write(const std::string& relative, const std::string& content) const {
-    fs::create_directories(Path(relative).parent_path());
-    std::ofstream(Path(relative), std::ios::binary) << content;
+    kelvo::testing::WriteFile(Path(relative), content);
   }
-  static std::string Read(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
+  static std::string Read(const fs::path& p) { return kelvo::testing::ReadFile(p); }
   std::size_t CountEntries() const {
     std::size_t n = 0;
-    for ([[maybe_unused]] const auto& e : fs::recursive_directory_iterator(_root)) ++n;
+    for ([[maybe_unused]] const auto& e : fs::recursive_directory_iterator(_dir)) ++n;
     return n;
   }
   AssetType Type() const {
@@ -63,8 +49,6 @@ protected:
     if (r.HasError()) return r.GetError();
     return d;
   }
-
-  fs::path _root;
 };
 
 TEST_F(FileAssetTest, HashesFilesAsBytesAndDirectoriesAsListingsInLetterOrder) {

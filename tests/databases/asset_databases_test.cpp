@@ -22,6 +22,7 @@
 #include "kelvo/log.h"
 #include "kelvo/settings.h"
 #include "nginx_server.h"
+#include "temp_tree.h"
 
 namespace kelvo::testing {
 namespace {
@@ -34,10 +35,6 @@ protected:
   static void Zip(const fs::path& dir, const fs::path& archive) {
     const std::string cmd = "cd '" + dir.string() + "' && zip -q -r '" + archive.string() + "' .";
     ASSERT_EQ(std::system(cmd.c_str()), 0);
-  }
-  static void WriteFile(const fs::path& p, const std::string& content) {
-    fs::create_directories(p.parent_path());
-    std::ofstream(p, std::ios::binary) << content;
   }
 
   static void StartAndWait() {
@@ -273,11 +270,8 @@ TEST_F(AssetDatabasesTest, BadDatabasesAreReportedAndTheOthersMounted) {
   WriteFile(Assets() / "corrupt.zip", std::string(300, 'x'));
   MakeDatabase(_root / "zipsrc", "db.zip", {{"from_zip", "z"}});
   Zip(_root / "zipsrc", _root / "full.zip");
-  {
-    std::ifstream in(_root / "full.zip", std::ios::binary);
-    std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    WriteFile(Assets() / "truncated.zip", bytes.substr(0, bytes.size() * 2 / 3));
-  }
+  const std::string bytes = ReadFile(_root / "full.zip");
+  WriteFile(Assets() / "truncated.zip", bytes.substr(0, bytes.size() * 2 / 3));
   WriteFile(Assets() / "nowhere.dat", (_root / "does" / "not" / "exist").string());
   WriteFile(Assets() / "self.dat", (Assets() / "self.dat").string());
   WriteFile(Assets() / "empty.dat", "\n");

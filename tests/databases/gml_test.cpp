@@ -13,6 +13,7 @@
 #include "asset/databases/asset_databases.h"
 #include "asset_databases_gml.h"
 #include "asset_library_fixture.h"
+#include "temp_tree.h"
 
 namespace kelvo::testing {
 namespace {
@@ -22,10 +23,7 @@ namespace fs = std::filesystem;
 class GmlDependenciesTest : public AssetLibraryTest {
 protected:
   fs::path GmlFile() const { return _root / "prefs" / "assetrepository_deps.gml"; }
-  std::string ReadGml() const {
-    std::ifstream in(GmlFile(), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
+  std::string ReadGml() const { return ReadFile(GmlFile()); }
   static std::size_t Count(const std::string& text, const std::string& what) {
     std::size_t n = 0;
     for (auto pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1)) ++n;

@@ -5,21 +5,16 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "kelvo/ramdisk.h"
 #include "kelvo/settings.h"
 #include "remote_database_fixture.h"
+#include "temp_tree.h"
 
 namespace kelvo::testing {
 namespace {
 
 namespace fs = std::filesystem;
-
-void WriteFile(const fs::path& p, const std::string& content) {
-  fs::create_directories(p.parent_path());
-  std::ofstream(p, std::ios::binary) << content;
-}
 
 std::size_t CountFiles(const fs::path& dir) {
   std::size_t n = 0;
@@ -112,11 +107,7 @@ TEST_F(RemoteDatabaseTest, DamagedAndHostileIndexFilesAreRefused) {
   Compact();
   StartServer();
   const fs::path index = ServerDir() / "_index" / "index.dat";
-  std::string listing;
-  {
-    std::ifstream in(index, std::ios::binary);
-    listing.assign(std::istreambuf_iterator<char>(in), {});
-  }
+  const std::string listing = ReadFile(index);
   // Names that would leave the cache: refused, the rest of the database mounts.
   WriteFile(index, listing + "f\t../../escaped\nf\t/tmp/absolute\nd\t_index/../..\nf\tok/./x\n");
   Mount(RemoteUrl());

@@ -15,6 +15,7 @@
 
 #include "kelvo/file_monitor.h"
 #include "kelvo/log.h"
+#include "temp_tree.h"
 
 using namespace kelvo;
 namespace fs = std::filesystem;
@@ -57,20 +58,18 @@ private:
   std::vector<FileMonitor::Event> _events;
 };
 
-class FileMonitorTest : public ::testing::Test {
+class FileMonitorTest : public kelvo::testing::TempTreeTest {
 protected:
   void SetUp() override {
-    _base = fs::temp_directory_path() / ("kelvo_fm_" + std::to_string(::getpid()) + "_" +
-                                         ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(_base);
-    _root = _base / "root";
-    _outside = _base / "outside";
+    TempTreeTest::SetUp();
+    _root = _dir / "root";
+    _outside = _dir / "outside";
     fs::create_directories(_root);
     fs::create_directories(_outside);
   }
   void TearDown() override {
     _monitor.reset();
-    fs::remove_all(_base);
+    TempTreeTest::TearDown();
   }
 
   void Start(FileMonitor::Options options = FileMonitor::Options()) {
@@ -90,7 +89,7 @@ protected:
     ASSERT_TRUE(_recorder.WaitFor(STATE::MODIFIED, marker));
   }
 
-  fs::path _base, _root, _outside;
+  fs::path _root, _outside;
   Recorder _recorder;
   std::unique_ptr<FileMonitor> _monitor;
   int _markers = 0;

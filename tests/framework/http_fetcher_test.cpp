@@ -14,6 +14,7 @@
 #include <string>
 
 #include "nginx_server.h"
+#include "temp_tree.h"
 
 using namespace kelvo;
 using kelvo::test::NginxServer;
@@ -38,12 +39,10 @@ std::string Pattern(std::size_t size) {
   return s;
 }
 
-class HttpFetcherTest : public ::testing::Test {
+class HttpFetcherTest : public kelvo::testing::TempTreeTest {
 protected:
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "kelvo_http_test_XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    _dir = pattern;
+    TempTreeTest::SetUp();
     fs::create_directories(_dir / "www" / "sub dir");
     fs::create_directories(_dir / "out");
     Write(_dir / "www" / "small.txt", "hello over http");
@@ -57,18 +56,13 @@ protected:
   }
   void TearDown() override {
     _nginx.reset();
-    std::error_code ec;
-    fs::remove_all(_dir, ec);
+    TempTreeTest::TearDown();
   }
-  static void Write(const fs::path& p, const std::string& content) { std::ofstream(p, std::ios::binary) << content; }
-  static std::string Read(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
+  static void Write(const fs::path& p, const std::string& content) { kelvo::testing::WriteFile(p, content); }
+  static std::string Read(const fs::path& p) { return kelvo::testing::ReadFile(p); }
   // The names in out/, temporary files included.
   std::size_t OutCount() const { return static_cast<std::size_t>(std::distance(fs::directory_iterator(_dir / "out"), {})); }
 
-  fs::path _dir;
   std::string _big;
   std::unique_ptr<NginxServer> _nginx;
 };

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "nginx_server.h"
+#include "temp_tree.h"
 
 using namespace kelvo;
 using kelvo::test::NginxServer;
@@ -18,12 +19,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class RamDiskTest : public ::testing::Test {
+class RamDiskTest : public kelvo::testing::TempTreeTest {
 protected:
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "kelvo_ramdisk_test_XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    _dir = pattern;
+    TempTreeTest::SetUp();
     _www = _dir / "www" / "db";
     _mirror = _dir / "mirror";
     Write(_www / "a" / "b" / "c.txt", "deep file");
@@ -68,13 +67,9 @@ protected:
   void TearDown() override {
     if (_disk) RamDiskService::Remove(_disk->GetName());
     _nginx.reset();
-    std::error_code ec;
-    fs::remove_all(_dir, ec);
+    TempTreeTest::TearDown();
   }
-  static void Write(const fs::path& p, const std::string& content) {
-    fs::create_directories(p.parent_path());
-    std::ofstream(p, std::ios::binary) << content;
-  }
+  static void Write(const fs::path& p, const std::string& content) { kelvo::testing::WriteFile(p, content); }
   Url At(const std::string& rel) const { return _disk->GetRoot().Append(rel); }
   std::string ReadOrError(const std::string& rel) const {
     auto r = At(rel).ReadAll();
@@ -98,7 +93,7 @@ protected:
     return stray;
   }
 
-  fs::path _dir, _www, _mirror;
+  fs::path _www, _mirror;
   std::string _big;
   std::unique_ptr<NginxServer> _nginx;
   RamDiskRef _disk;

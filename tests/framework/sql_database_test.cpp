@@ -9,22 +9,15 @@
 #include <thread>
 
 #include "kelvo/sql_database.h"
+#include "temp_tree.h"
 
 using namespace kelvo;
 namespace fs = std::filesystem;
 
 namespace {
 
-class SqlDatabaseTest : public ::testing::Test {
+class SqlDatabaseTest : public kelvo::testing::TempTreeTest {
 protected:
-  void SetUp() override {
-    _dir = fs::temp_directory_path() / ("kelvo_sql_" + std::to_string(::getpid()) + "_" +
-                                        ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(_dir);
-    fs::create_directories(_dir);
-  }
-  void TearDown() override { fs::remove_all(_dir); }
-
   Url FileUrl(const std::string& name) const { return Url::FromFile((_dir / name).string()); }
 
   std::shared_ptr<SqlDatabase> OpenDb(const std::string& name = "test.db",
@@ -43,8 +36,6 @@ protected:
     EXPECT_TRUE(r.HasValue()) << r.GetError().ToString();
     return n;
   }
-
-  fs::path _dir;
 };
 
 TEST_F(SqlDatabaseTest, AllTypesRoundTripThroughAFileAndAReopen) {

@@ -1,34 +1,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "kelvo/data.h"
 #include "kelvo/url.h"
+#include "temp_tree.h"
 
 using namespace kelvo;
-
-namespace {
-
-// A fresh directory under the system temp directory, removed with its content at the end.
-class TempDir {
-public:
-  TempDir() {
-    std::string pattern = "/tmp/kelvo_url_test_XXXXXX";
-    if (::mkdtemp(pattern.data())) _url = Url::FromFile(pattern);
-  }
-  ~TempDir() {
-    if (!_url.IsEmpty()) (void)_url.IoDelete(true);
-  }
-  const Url& Get() const { return _url; }
-
-private:
-  Url _url;
-};
-
-} // namespace
 
 TEST(Url, TextRoundTrip) {
   Url file("file:///tmp/a b/c.txt");
@@ -90,10 +70,11 @@ TEST(Url, NameSuffixDirectoryAndAppend) {
   EXPECT_EQ(tagged.GetQuery(), "rev=1");
 }
 
-TEST(Url, FileWriteReadBrowseRenameDelete) {
-  TempDir temp;
-  ASSERT_FALSE(temp.Get().IsEmpty());
-  const Url dir = temp.Get().Append("sub dir/nested");
+using UrlFileTest = kelvo::testing::TempTreeTest;
+
+TEST_F(UrlFileTest, WriteReadBrowseRenameDelete) {
+  const Url root = Url::FromFile(_dir.string());
+  const Url dir = root.Append("sub dir/nested");
   ASSERT_TRUE(dir.IoCreateDirectory(true).HasValue());
   EXPECT_EQ(dir.IoDetect(), IODETECT::DIRECTORY);
 
@@ -130,25 +111,24 @@ TEST(Url, FileWriteReadBrowseRenameDelete) {
   ASSERT_TRUE(c.IoDelete().HasValue());
   EXPECT_EQ(c.IoDetect(), IODETECT::NONE);
   EXPECT_TRUE(c.IoDelete().HasValue());
-  ASSERT_TRUE(temp.Get().Append("sub dir").IoDelete(true).HasValue());
+  ASSERT_TRUE(root.Append("sub dir").IoDelete(true).HasValue());
   EXPECT_EQ(dir.IoDetect(), IODETECT::NONE);
 }
 
-TEST(Url, FileErrors) {
-  TempDir temp;
-  ASSERT_FALSE(temp.Get().IsEmpty());
-  const Url missing = temp.Get().Append("missing.txt");
+TEST_F(UrlFileTest, Errors) {
+  const Url root = Url::FromFile(_dir.string());
+  const Url missing = root.Append("missing.txt");
   auto read = missing.ReadAll();
   ASSERT_TRUE(read.HasError());
   EXPECT_TRUE(read.GetError().Is(errors::io));
   EXPECT_NE(read.GetError().GetMessage().find("missing.txt"), std::string::npos);
   EXPECT_TRUE(missing.IoBrowse().GetError().Is(errors::io));
-  EXPECT_TRUE(missing.IoRename(temp.Get().Append("other")).GetError().Is(errors::io));
-  EXPECT_TRUE(temp.Get().Append("no/such/dir/f.txt").WriteAll("x").GetError().Is(errors::io));
-  EXPECT_TRUE(temp.Get().ReadAll().GetError().Is(errors::io));
+  EXPECT_TRUE(missing.IoRename(root.Append("other")).GetError().Is(errors::io));
+  EXPECT_TRUE(root.Append("no/such/dir/f.txt").WriteAll("x").GetError().Is(errors::io));
+  EXPECT_TRUE(root.ReadAll().GetError().Is(errors::io));
 
   // A file in the way of a directory.
-  const Url file = temp.Get().Append("f");
+  const Url file = root.Append("f");
   ASSERT_TRUE(file.WriteAll("x").HasValue());
   EXPECT_TRUE(file.IoCreateDirectory(false).HasError());
   EXPECT_TRUE(file.Append("child").IoCreateDirectory(true).HasError());

@@ -11,34 +11,25 @@
 
 #include "kelvo/url.h"
 #include "kelvo/zip_io.h"
+#include "temp_tree.h"
 
 using namespace kelvo;
+using namespace kelvo::testing;
 namespace fs = std::filesystem;
 
 namespace {
 
-class ZipIoTest : public ::testing::Test {
+class ZipIoTest : public TempTreeTest {
 protected:
   void SetUp() override {
     RegisterZipIoHandler();
-    std::string pattern = "/tmp/kelvo_zip_test_XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    _dir = pattern;
+    TempTreeTest::SetUp();
   }
   void TearDown() override {
     FlushZipArchiveCache();
-    std::error_code ec;
-    fs::remove_all(_dir, ec);
+    TempTreeTest::TearDown();
   }
 
-  static void WriteFile(const fs::path& p, const std::string& content) {
-    fs::create_directories(p.parent_path());
-    std::ofstream(p, std::ios::binary) << content;
-  }
-  static std::string ReadFile(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
   // Packs the tree under dir into archive with the zip tool; extra options such as -D (no
   // directory entries) or -0 (stored) pass through.
   static void Pack(const fs::path& tree, const fs::path& archive, const std::string& options = "") {
@@ -65,8 +56,6 @@ protected:
     std::sort(names.begin(), names.end());
     return names;
   }
-
-  fs::path _dir;
 };
 
 } // namespace

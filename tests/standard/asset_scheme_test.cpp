@@ -2,27 +2,28 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "asset/standard/assets.h"
 #include "kelvo/application.h"
 #include "kelvo/memory_io.h"
+#include "temp_tree.h"
 #include "test_assets.h"
 
 namespace kelvo::testing {
 namespace {
 
-namespace fs = std::filesystem;
 
-class AssetSchemeTest : public ::testing::Test {
+class AssetSchemeTest : public TempTreeTest {
 protected:
   void SetUp() override {
+    TempTreeTest::SetUp();
     RegisterMemoryIoHandler();
     RegisterAssetIoHandlers();
     repo = MakeRepository("test.scheme");
   }
-  void TearDown() override { Application::SetVersion(1.0); }
+  void TearDown() override {
+    Application::SetVersion(1.0);
+    TempTreeTest::TearDown();
+  }
 
   AssetDescription Store(const std::string& aid, const std::string& text) {
     auto d = repo->StoreAsset(Id(aid), MakeText(text), nullptr);
@@ -156,10 +157,8 @@ TEST_F(AssetSchemeTest, AssetDbPaths) {
   auto single = ResolveAssetDbUrl(Url("assetdb:///Wood.png"), repo);
   ASSERT_TRUE(single.HasValue());
   EXPECT_EQ(single->ToString(), "assetdb:///Wood.png");
-  const fs::path file = fs::temp_directory_path() / ("kelvo_wood_" + std::to_string(::getpid()) + ".png");
-  std::ofstream(file) << "wood";
-  auto r = repo->StoreAsset(Id("wood"), FileAssetInterface::Create(Url::FromFile(file.string())), nullptr);
-  fs::remove(file);
+  WriteFile(_dir / "wood.png", "wood");
+  auto r = repo->StoreAsset(Id("wood"), FileAssetInterface::Create(Url::FromFile((_dir / "wood.png").string())), nullptr);
   ASSERT_TRUE(r.HasValue()) << r.GetError().ToString();
   ASSERT_TRUE((*r)->StoreMetaString(stringkeys::name, "Wood.png", Language::GetDefaultLanguage()).HasValue());
   // The name matches, but the asset has no category "Textures".
@@ -171,14 +170,11 @@ TEST_F(AssetSchemeTest, AssetDbPaths) {
 }
 
 TEST_F(AssetSchemeTest, DirectoryAssetsOpenPathsInside) {
-  const fs::path dir = fs::temp_directory_path() / ("kelvo_scheme_" + std::to_string(::getpid()));
-  fs::create_directories(dir / "x");
-  std::ofstream(dir / "x" / "y.tif") << "inner";
-  auto stored = repo->StoreAsset(Id("tree"), FileAssetInterface::Create(Url::FromFile(dir.string())), nullptr);
+  WriteFile(_dir / "x" / "y.tif", "inner");
+  auto stored = repo->StoreAsset(Id("tree"), FileAssetInterface::Create(Url::FromFile(_dir.string())), nullptr);
   ASSERT_TRUE(stored.HasValue()) << stored.GetError().ToString();
   EXPECT_EQ(*Read("asset:///tree/x/y.tif"), "inner");
   EXPECT_TRUE(Read("asset:///tree/x/none.tif").HasError());
-  fs::remove_all(dir);
 }
 
 TEST_F(AssetSchemeTest, IdsWithSlashesRoundTripAndPathsNeverLeaveTheAsset) {

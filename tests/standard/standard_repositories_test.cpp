@@ -4,12 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "asset/module/asset_module.h"
 #include "asset/standard/assets.h"
 #include "builtin_repository.h"
 #include "kelvo/application.h"
+#include "temp_tree.h"
 #include "test_assets.h"
 #include "asset/storage/urlassetrepository.h"
 
@@ -18,35 +18,24 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Application directories in a fresh temporary tree, removed afterwards.
-class TempDirectories {
-public:
-  TempDirectories() {
-    static int counter = 0;
-    root = fs::temp_directory_path() / ("kelvo_std_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
-    fs::create_directories(root);
-    Application::SetUrl(APPLICATION_URLTYPE::PREFS_DIR, Url::FromFile((root / "prefs").string()));
-    Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, Url::FromFile((root / "gprefs").string()));
-    Application::SetUrl(APPLICATION_URLTYPE::LIBRARY_DIR, Url::FromFile((root / "library").string()));
-  }
-  ~TempDirectories() {
-    for (auto kind : {APPLICATION_URLTYPE::PREFS_DIR, APPLICATION_URLTYPE::GLOBALPREFS_DIR, APPLICATION_URLTYPE::LIBRARY_DIR})
-      Application::SetUrl(kind, Url());
-    std::error_code ec;
-    fs::remove_all(root, ec);
-  }
-  fs::path root;
-};
-
-class StandardRepositoriesTest : public ::testing::Test {
+// The application directories in the test's temporary tree.
+class StandardRepositoriesTest : public TempTreeTest {
 protected:
+  void SetUp() override {
+    TempTreeTest::SetUp();
+    Application::SetUrl(APPLICATION_URLTYPE::PREFS_DIR, Url::FromFile((_dir / "prefs").string()));
+    Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, Url::FromFile((_dir / "gprefs").string()));
+    Application::SetUrl(APPLICATION_URLTYPE::LIBRARY_DIR, Url::FromFile((_dir / "library").string()));
+  }
   void TearDown() override {
     EndAssetModule();
     Application::SetVersion(1.0);
     if (auto loaders = GetBuiltinAssetLoaders2(); loaders.HasValue())
       for (const auto& [key, value] : (*loaders)->GetEntries()) (*loaders)->EraseEntry(key);
+    for (auto kind : {APPLICATION_URLTYPE::PREFS_DIR, APPLICATION_URLTYPE::GLOBALPREFS_DIR, APPLICATION_URLTYPE::LIBRARY_DIR})
+      Application::SetUrl(kind, Url());
+    TempTreeTest::TearDown();
   }
-  TempDirectories dirs;
 };
 
 TEST_F(StandardRepositoriesTest, StartWithoutApplicationDirectory) {
@@ -58,7 +47,7 @@ TEST_F(StandardRepositoriesTest, StartWithoutApplicationDirectory) {
   EXPECT_EQ(user->GetId(), repositoryids::userprefs);
   EXPECT_TRUE(user->IsWritable());
   EXPECT_EQ(user->FindRepository(repositoryids::builtin), AssetInterface::GetBuiltinRepository());
-  EXPECT_TRUE(fs::is_regular_file(dirs.root / "prefs" / "userrepository" / "databaseid"));
+  EXPECT_TRUE(fs::is_regular_file(_dir / "prefs" / "userrepository" / "databaseid"));
   EXPECT_FALSE(GetDerivedStamp().empty());
   // A second start changes nothing; the end runs twice without harm.
   ASSERT_TRUE(StartAssetModule().HasValue());
@@ -72,7 +61,7 @@ TEST_F(StandardRepositoriesTest, StartWithoutApplicationDirectory) {
 }
 
 TEST_F(StandardRepositoriesTest, StackWithApplicationRepository) {
-  const fs::path appDir = dirs.root / "library" / "assets" / "application";
+  const fs::path appDir = _dir / "library" / "assets" / "application";
   fs::create_directories(appDir);
   {
     // The application repository is opened read-only: it must exist as a repository already.
@@ -92,7 +81,7 @@ TEST_F(StandardRepositoriesTest, StackWithApplicationRepository) {
 
 TEST_F(StandardRepositoriesTest, BrokenApplicationRepositoryFailsTheStart) {
   // A directory without a repository identifier can't be opened read-only.
-  fs::create_directories(dirs.root / "library" / "assets" / "application");
+  fs::create_directories(_dir / "library" / "assets" / "application");
   auto r = StartAssetModule();
   ASSERT_TRUE(r.HasError());
   EXPECT_FALSE(IsAssetModuleStarted());
@@ -103,7 +92,7 @@ TEST_F(StandardRepositoriesTest, RepositoryTypes) {
   ASSERT_TRUE(StartAssetModule().HasValue());
   EXPECT_EQ((*GetBuiltinAssetLoaders())->GetCount(), 0u);
 
-  const Url dir = Url::FromFile((dirs.root / "other").string());
+  const Url dir = Url::FromFile((_dir / "other").string());
   ASSERT_TRUE(dir.IoCreateDirectory(true).HasValue());
   // Watch folders come through the factory that their subsystem enters at module start.
   auto watch = AssetInterface::CreateRepositoryFromUrl(Id("x"), repositorytypes::watchfolder, {}, dir, true, false, false);
@@ -120,8 +109,8 @@ TEST_F(StandardRepositoriesTest, RepositoryTypes) {
 
 TEST_F(StandardRepositoriesTest, AssetUrlsReadFromTheUserRepository) {
   ASSERT_TRUE(StartAssetModule().HasValue());
-  const fs::path file = dirs.root / "hello.txt";
-  std::ofstream(file) << "hello from a file";
+  const fs::path file = _dir / "hello.txt";
+  WriteFile(file, "hello from a file");
   AssetRepositoryRef user = AssetInterface::GetUserPrefsRepository();
   auto stored = user->StoreAsset(Id("greeting"), FileAssetInterface::Create(Url::FromFile(file.string())), nullptr);
   ASSERT_TRUE(stored.HasValue()) << stored.GetError().ToString();
@@ -172,6 +161,7 @@ void RegisterTwoLoaders(LoaderCalls& calls, const Url& folder) {
 class BuiltinRepositoryTest : public StandardRepositoriesTest {
 protected:
   void SetUp() override {
+    StandardRepositoriesTest::SetUp();
     RegisterTextAssetType();
     ASSERT_TRUE(StartAssetModule().HasValue());
     builtin = std::dynamic_pointer_cast<BuiltinRepository>(AssetInterface::GetBuiltinRepository());
@@ -243,7 +233,7 @@ TEST_F(BuiltinRepositoryTest, MetaDataStoreRules) {
   // USER values go to the user tree even though the repository isn't writable.
   auto user = builtin->StoreMetaData(d, note, Data(std::string("mine")), AssetMetaData::PERSISTENT | AssetMetaData::USER);
   ASSERT_TRUE(user.HasValue()) << user.GetError().ToString();
-  EXPECT_TRUE(fs::is_regular_file(dirs.root / "gprefs" / "_assets" / "user.db" / "builtin.one" / "test.note.meta"));
+  EXPECT_TRUE(fs::is_regular_file(_dir / "gprefs" / "_assets" / "user.db" / "builtin.one" / "test.note.meta"));
   EXPECT_EQ(*d->GetMetaData()->GetValue<std::string>(note), "mine");
   // A plain persistent value needs g_builtinRepositoryWritable, and then a folder from the loader.
   auto plain = builtin->StoreMetaData(d, note, Data(std::string("x")), AssetMetaData::PERSISTENT);
@@ -265,7 +255,7 @@ TEST_F(BuiltinRepositoryTest, MetaDataStoreRules) {
 
 TEST_F(BuiltinRepositoryTest, MetaDataFilesOfEarlierRunsAndTheLoaderFolder) {
   // A folder of the loader with one metadata file, and a derived value from an earlier run.
-  const fs::path folder = dirs.root / "loaderfolder";
+  const fs::path folder = _dir / "loaderfolder";
   LoaderCalls calls;
   RegisterTwoLoaders(calls, Url::FromFile(folder.string()));
   {
@@ -279,7 +269,7 @@ TEST_F(BuiltinRepositoryTest, MetaDataFilesOfEarlierRunsAndTheLoaderFolder) {
     ASSERT_TRUE(other->StoreMetaData(d, InternedId("test.plain"), Data(std::string("in folder")), AssetMetaData::PERSISTENT)
                     .HasValue());
   }
-  EXPECT_TRUE(fs::is_regular_file(dirs.root / "prefs" / "dc" / "builtinrepository" / "builtin.one" / "test.derived.derived"));
+  EXPECT_TRUE(fs::is_regular_file(_dir / "prefs" / "dc" / "builtinrepository" / "builtin.one" / "test.derived.derived"));
   EXPECT_TRUE(fs::is_regular_file(folder / "test.plain.meta"));
   {
     auto fresh = BuiltinRepository::Create();

@@ -33,8 +33,8 @@ protected:
     Store(repo, "beta", "b1");
     Store(repo, "gamma", "g1");
     EXPECT_TRUE(repo->StoreMetaData(a2, kNote, Data(std::string("note")), 2).HasValue());
-    WriteFile(_base / "p.png", "png");
-    EXPECT_TRUE(repo->StoreUrlMetaData(a2, kPreview, Url::FromFile((_base / "p.png").string()), 2).HasValue());
+    WriteFile(_dir / "p.png", "png");
+    EXPECT_TRUE(repo->StoreUrlMetaData(a2, kPreview, Url::FromFile((_dir / "p.png").string()), 2).HasValue());
     auto compacted = repo->Compact();
     EXPECT_TRUE(compacted.HasValue()) << compacted.GetError().ToString();
     EXPECT_EQ(repo->GetIndexState(), REPOSITORYINDEXSTATE::EXISTS);
@@ -95,7 +95,7 @@ TEST_F(IndexTest, CompactWritesPartsAndReopensWithoutWalkingTheTree) {
 
 TEST_F(IndexTest, StaleIndexIsCompletedByAScan) {
   const auto before = MakeIndexed();
-  fs::rename(Root() / "_index", _base / "saved_index");
+  fs::rename(Root() / "_index", _dir / "saved_index");
   {
     auto repo = Open();
     ASSERT_TRUE(Store(repo, "delta", "d1"));
@@ -103,7 +103,7 @@ TEST_F(IndexTest, StaleIndexIsCompletedByAScan) {
   }
   // The old index comes back: it doesn't cover the newest version numbers.
   fs::remove_all(Root() / "_index");
-  fs::rename(_base / "saved_index", Root() / "_index");
+  fs::rename(_dir / "saved_index", Root() / "_index");
   auto repo = Open();
   EXPECT_FALSE(repo->WasOpenedFromIndex());
   const auto contents = Contents(repo);
@@ -164,13 +164,13 @@ TEST_F(IndexTest, PartsWithoutChecksumsAreReadUnchecked) {
 // index's range.
 TEST_F(IndexTest, AnIndexOlderThanAChangeByAnotherObjectIsNotUsed) {
   MakeIndexed();
-  fs::copy(Root() / "_index", _base / "saved_index", fs::copy_options::recursive);
+  fs::copy(Root() / "_index", _dir / "saved_index", fs::copy_options::recursive);
   {
     auto other = Open();
     ASSERT_TRUE(Store(other, "zeta", "z1"));
   }
   fs::remove_all(Root() / "_index");
-  fs::rename(_base / "saved_index", Root() / "_index");
+  fs::rename(_dir / "saved_index", Root() / "_index");
   auto repo = Open();
   EXPECT_FALSE(repo->WasOpenedFromIndex());
   EXPECT_EQ(Contents(repo).count("zeta"), 1u);
@@ -180,8 +180,8 @@ TEST_F(IndexTest, IndexNamesLeavingTheRootAreRefused) {
   MakeIndexed();
   const fs::path part = PartDir();
   // A listing that names a directory outside the root, with a matching checksum.
-  WriteFile(_base / "outside" / "asset.info", "stolen\nnet.kelvo.assettype.test.text\n");
-  WriteFile(_base / "outside" / "1" / "asset.txt", "secret");
+  WriteFile(_dir / "outside" / "asset.info", "stolen\nnet.kelvo.assettype.test.text\n");
+  WriteFile(_dir / "outside" / "1" / "asset.txt", "secret");
   for (const std::string name : {"../outside", "/tmp", "..", "a/b"}) {
     SCOPED_TRACE(name);
     const std::string listing = name + "\nstolen\nnet.kelvo.assettype.test.text\n\t1\n\tdeadbeef\n\t\tasset.txt\n";

@@ -2,13 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "asset/storage/url_layout.h"
+#include "temp_tree.h"
 
 using namespace kelvo;
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -72,36 +69,17 @@ TEST(UrlLayoutTest, LinesDropCarriageReturns) {
   EXPECT_FALSE(trailing.Next(line));
 }
 
-class UrlLayoutFileTest : public ::testing::Test {
-protected:
-  void SetUp() override {
-    _root = fs::path("/tmp") / ("kelvo_layout_" + std::to_string(::getpid()) + "_" +
-                                ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(_root);
-    fs::create_directories(_root);
-  }
-  void TearDown() override { fs::remove_all(_root); }
-  void Write(const std::string& relative, const std::string& content) {
-    fs::create_directories((_root / relative).parent_path());
-    std::ofstream(_root / relative, std::ios::binary) << content;
-  }
-  Url U(const std::string& relative) const { return Url::FromFile((_root / relative).string()); }
-  fs::path _root;
-};
+using UrlLayoutFileTest = kelvo::testing::TempTreeTest;
 
 TEST_F(UrlLayoutFileTest, ContentAndMetadataOfAVersionDirectory) {
-  Write("v/asset.png", "c");
-  Write("v/hash", "h");
-  Write("v/thumb.meta", "m");
-  Write("v/thumb.meta.png", "p");
-  Write("v/other.png", "o");
-  Write("v/.incomplete", "");
-  auto found = FindContentUrl(U("v"), 0);
+  for (const char* name : {"asset.png", "hash", "thumb.meta", "thumb.meta.png", "other.png", ".incomplete"})
+    kelvo::testing::WriteFile(_dir / "v" / name, name);
+  auto found = FindContentUrl(Url::FromFile((_dir / "v").string()), 0);
   ASSERT_TRUE(found.HasValue());
   EXPECT_EQ(found->contentName, "asset.png");
   EXPECT_TRUE(found->incomplete);
   EXPECT_EQ(found->meta.size(), 2u);
-  auto missing = FindContentUrl(U("nothing"), 0);
+  auto missing = FindContentUrl(Url::FromFile((_dir / "nothing").string()), 0);
   ASSERT_TRUE(missing.HasValue());
   EXPECT_TRUE(missing->content.IsEmpty());
   EXPECT_TRUE(missing->meta.empty());

@@ -1,17 +1,13 @@
 #pragma once
 // A temporary directory tree for URL repository tests: the repository root and the two
-// preference trees, removed at the end of each test.
+// preference trees.
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <string>
 
 #include "kelvo/application.h"
 #include "kelvo/hash.h"
+#include "temp_tree.h"
 #include "test_assets.h"
 #include "asset/storage/url_layout.h"
 #include "asset/storage/urlassetrepository.h"
@@ -22,30 +18,27 @@ namespace kelvo::testing {
 inline const InternedId kNote{"net.kelvo.test.note"};
 inline const InternedId kPreview{"net.kelvo.test.preview"};
 
-class UrlRepositoryTest : public ::testing::Test {
+class UrlRepositoryTest : public TempTreeTest {
 protected:
   void SetUp() override {
     RegisterTextAssetType();
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    _base = std::filesystem::path("/tmp") / ("kelvo_urlrepo_" + std::string(info->test_suite_name()) + "_" +
-                                             std::string(info->name()) + "_" + std::to_string(::getpid()));
-    std::filesystem::remove_all(_base);
-    std::filesystem::create_directories(_base / "repo");
-    std::filesystem::create_directories(_base / "prefs");
-    std::filesystem::create_directories(_base / "globalprefs");
-    Application::SetUrl(APPLICATION_URLTYPE::PREFS_DIR, Url::FromFile((_base / "prefs").string()));
-    Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, Url::FromFile((_base / "globalprefs").string()));
+    TempTreeTest::SetUp();
+    std::filesystem::create_directories(_dir / "repo");
+    std::filesystem::create_directories(_dir / "prefs");
+    std::filesystem::create_directories(_dir / "globalprefs");
+    Application::SetUrl(APPLICATION_URLTYPE::PREFS_DIR, Url::FromFile((_dir / "prefs").string()));
+    Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, Url::FromFile((_dir / "globalprefs").string()));
   }
   void TearDown() override {
     Application::SetUrl(APPLICATION_URLTYPE::PREFS_DIR, Url());
     Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, Url());
     std::error_code ec;
-    std::filesystem::permissions(_base / "repo" / "databaseid", std::filesystem::perms::owner_all,
+    std::filesystem::permissions(_dir / "repo" / "databaseid", std::filesystem::perms::owner_all,
                                  std::filesystem::perm_options::add, ec);
-    std::filesystem::remove_all(_base, ec);
+    TempTreeTest::TearDown();
   }
 
-  std::filesystem::path Root() const { return _base / "repo"; }
+  std::filesystem::path Root() const { return _dir / "repo"; }
   Url RootUrl() const { return Url::FromFile(Root().string()); }
 
   std::shared_ptr<UrlAssetRepository> Open(bool writable = true, const std::string& id = "test.repo") {
@@ -79,15 +72,6 @@ protected:
     return r.HasValue() ? *r : nullptr;
   }
 
-  static std::string ReadFile(const std::filesystem::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
-  static void WriteFile(const std::filesystem::path& p, const std::string& content) {
-    std::filesystem::create_directories(p.parent_path());
-    std::ofstream(p, std::ios::binary) << content;
-  }
-
   // The directory of the (first) index part of the root.
   std::filesystem::path PartDir() const {
     for (const auto& e : std::filesystem::directory_iterator(Root() / "_index"))
@@ -107,8 +91,6 @@ protected:
     sums.replace(line - HASH_LEN, HASH_LEN, ToHex(d.data(), d.size()));
     WriteFile(part / ".checksum", sums);
   }
-
-  std::filesystem::path _base;
 };
 
 } // namespace kelvo::testing

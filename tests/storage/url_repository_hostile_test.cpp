@@ -88,7 +88,7 @@ TEST_F(HostileTreeTest, SpecialFilesAndLinksInTheTreeNeitherHangNorEscape) {
     ASSERT_TRUE(repo->StoreMetaData(d, kNote, Data(std::string("note")), 2).HasValue());
     ASSERT_TRUE(Store(repo, "bystander", "b"));
   }
-  const fs::path outside = _base / "outside.txt";
+  const fs::path outside = _dir / "outside.txt";
   WriteFile(outside, "secret outside the root");
   const fs::path versionDir = Root() / "victim" / "1";
   struct Plant {
@@ -170,8 +170,8 @@ TEST_F(HostileTreeTest, LinkedAssetOrVersionDirectoriesAreNotFollowedOutOfTheRoo
     ASSERT_TRUE(repo->StoreMetaData(d, kNote, Data(std::string("note")), 2).HasValue());
     ASSERT_TRUE(Store(repo, "bystander", "b"));
   }
-  const fs::path outside = _base / "outside";
-  const fs::path saved = _base / "saved";
+  const fs::path outside = _dir / "outside";
+  const fs::path saved = _dir / "saved";
   for (const bool indexed : {false, true}) {
     for (const bool wholeAsset : {true, false}) {
       SCOPED_TRACE(std::string(indexed ? "indexed, " : "scanned, ") + (wholeAsset ? "asset directory" : "version directory"));
@@ -203,14 +203,14 @@ TEST_F(HostileTreeTest, LinkedAssetOrVersionDirectoriesAreNotFollowedOutOfTheRoo
 // can't be taken (and taking it must not wait for a writer). The error reaches the caller in the
 // modes that merge (LATEST) and in those that don't (ALL, LATEST | WITHOUT_BASES on the base).
 TEST_F(HostileTreeTest, SearchErrorsOfABaseReachTheCaller) {
-  const Url baseUrl = Url::FromFile((_base / "base").string());
-  fs::create_directories(_base / "base");
+  const Url baseUrl = Url::FromFile((_dir / "base").string());
+  fs::create_directories(_dir / "base");
   {
     auto base = CreateUrlAssetRepository(Id("test.base"), {}, baseUrl, true, false, false);
     ASSERT_TRUE(base.HasValue());
     ASSERT_TRUE(Store(*base, "broken", "b"));
   }
-  const fs::path version = _base / "base" / "broken" / "1";
+  const fs::path version = _dir / "base" / "broken" / "1";
   fs::remove(version / "hash");
   fs::remove(version / "asset.txt");
   ASSERT_EQ(::mkfifo((version / "asset.txt").c_str(), 0644), 0);

@@ -35,7 +35,7 @@ protected:
   // Runs body in a child process that appends its report lines "<asset> <version>" to
   // <base>/report-<name>; the child has 60 seconds before an alarm ends it.
   pid_t Spawn(const std::string& name, const std::function<bool(const std::function<void(const std::string&, const std::string&)>&)>& body) {
-    const std::string reportPath = (_base / ("report-" + name)).string();
+    const std::string reportPath = (_dir / ("report-" + name)).string();
     const pid_t pid = ::fork();
     if (pid != 0) return pid;
     ::alarm(60);
@@ -51,7 +51,7 @@ protected:
 
   Reported ReadReport(const std::string& name) {
     Reported out;
-    std::istringstream in(ReadFile(_base / ("report-" + name)));
+    std::istringstream in(ReadFile(_dir / ("report-" + name)));
     std::string aid, version;
     while (in >> aid >> version) out.emplace(aid, version);
     return out;

@@ -104,8 +104,8 @@ TEST_F(UrlRepositoryTest, StoreCloseReopenFindsAssetsVersionsAndMetadata) {
     ASSERT_TRUE(repo->StoreMetaData(d2, kNote, Data(std::string("a note")), AssetMetaData::PERSISTENT).HasValue());
     ASSERT_TRUE(repo->StoreMetaData(d2, kVersionNote, Data(std::int64_t(42)), 6).HasValue());
     ASSERT_TRUE(repo->StoreMetaData(d2, kUserNote, Data(Id("mine")), 18).HasValue());
-    WriteFile(_base / "preview.png", "png bytes");
-    ASSERT_TRUE(repo->StoreUrlMetaData(d2, kPreview, Url::FromFile((_base / "preview.png").string()), 2).HasValue());
+    WriteFile(_dir / "preview.png", "png bytes");
+    ASSERT_TRUE(repo->StoreUrlMetaData(d2, kPreview, Url::FromFile((_dir / "preview.png").string()), 2).HasValue());
     // Last: a persistent value written after it would make it stale.
     ASSERT_TRUE(repo->StoreMetaData(d2, kDerived, Data(1.5), 10).HasValue());
   }
@@ -119,7 +119,7 @@ TEST_F(UrlRepositoryTest, StoreCloseReopenFindsAssetsVersionsAndMetadata) {
   EXPECT_TRUE(fs::exists(Root() / "my_asset_one" / "2" / "net.kelvo.test.preview.meta.png"));
   EXPECT_TRUE(fs::exists(Root() / "my_asset_one" / "2" / "net.kelvo.asset.timestamp.version"));
   EXPECT_FALSE(fs::exists(Root() / "my_asset_one" / "2" / kIncompleteMarker));
-  EXPECT_TRUE(fs::exists(_base / "globalprefs" / "_assets" / "user.db" / "my_asset_one" / "2" / "net.kelvo.test.usernote.meta"));
+  EXPECT_TRUE(fs::exists(_dir / "globalprefs" / "_assets" / "user.db" / "my_asset_one" / "2" / "net.kelvo.test.usernote.meta"));
   EXPECT_FALSE(fs::exists(Root() / "my_asset_one" / "2" / "net.kelvo.test.usernote.meta"));
 
   auto repo = Open();
@@ -173,14 +173,14 @@ TEST_F(UrlRepositoryTest, MetadataFilesFollowKindRules) {
   EXPECT_FALSE(fs::exists(dir / "net.kelvo.test.note.meta"));
   ASSERT_TRUE(repo->StoreMetaData(d, kNote, Data(), 2).HasValue());
   // An attached PNG replaces an attached JPEG of the same Id.
-  WriteFile(_base / "p.jpg", "jpeg");
-  WriteFile(_base / "p.png", "png");
-  ASSERT_TRUE(repo->StoreUrlMetaData(d, kPreview, Url::FromFile((_base / "p.jpg").string()), 2).HasValue());
-  ASSERT_TRUE(repo->StoreUrlMetaData(d, kPreview, Url::FromFile((_base / "p.png").string()), 2).HasValue());
+  WriteFile(_dir / "p.jpg", "jpeg");
+  WriteFile(_dir / "p.png", "png");
+  ASSERT_TRUE(repo->StoreUrlMetaData(d, kPreview, Url::FromFile((_dir / "p.jpg").string()), 2).HasValue());
+  ASSERT_TRUE(repo->StoreUrlMetaData(d, kPreview, Url::FromFile((_dir / "p.png").string()), 2).HasValue());
   EXPECT_FALSE(fs::exists(dir / "net.kelvo.test.preview.meta.jpg"));
   EXPECT_EQ(ReadFile(dir / "net.kelvo.test.preview.meta.png"), "png");
   // Kinds that can't hold a file are refused.
-  EXPECT_TRUE(repo->StoreUrlMetaData(d, kPreview, Url::FromFile((_base / "p.png").string()), 10).HasError());
+  EXPECT_TRUE(repo->StoreUrlMetaData(d, kPreview, Url::FromFile((_dir / "p.png").string()), 10).HasError());
 }
 
 TEST_F(UrlRepositoryTest, PersistentChangeClearsASeparateDerivedTree) {
@@ -283,7 +283,7 @@ TEST_F(UrlRepositoryTest, IdsSharingADirectoryNameKeepTheirOwn) {
 
 TEST_F(UrlRepositoryTest, RescanOfAFolderAssetGivesTheVersionIdOfItsStore) {
   namespace fs = std::filesystem;
-  const fs::path folder = _base / "folder";
+  const fs::path folder = _dir / "folder";
   fs::create_directories(folder / "Sub");
   std::ofstream(folder / "Zeta.TXT") << "z";
   std::ofstream(folder / "alpha") << "a";
@@ -411,11 +411,11 @@ TEST_F(UrlRepositoryTest, NamesFromTheTreeCantLeaveTheRoot) {
   ASSERT_TRUE(Store(repo, "../../outside", "again"));
   auto latest = Latest(repo, "../../outside");
   ASSERT_TRUE(repo->EraseAsset(latest).HasValue());
-  EXPECT_FALSE(fs::exists(_base / "outside"));
+  EXPECT_FALSE(fs::exists(_dir / "outside"));
   EXPECT_TRUE(fs::exists(Root() / "victim" / "1" / "asset.txt"));
   // Ids whose directory name would be "..", "." or hidden.
   for (const char* aid : {"..", ".", ".hidden"}) ASSERT_TRUE(Store(repo, aid, aid));
-  EXPECT_FALSE(fs::exists(_base / "1"));
+  EXPECT_FALSE(fs::exists(_dir / "1"));
   auto reread = Open();
   const auto all = Contents(reread);
   for (const char* aid : {"..", ".", ".hidden"}) EXPECT_EQ(all.at(aid).begin()->second, aid);

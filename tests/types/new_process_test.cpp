@@ -72,7 +72,7 @@ TEST_F(NewProcessTest, EveryTypeRoundTripsThroughTheDiskIntoANewProcess) {
   ASSERT_TRUE(KeywordAssetInterface::SetDefaultAsset(warm, true).HasValue());
   repo.reset();
 
-  EXPECT_EQ(RunReader(_base), 0);
+  EXPECT_EQ(RunReader(_dir), 0);
 }
 
 // Run only by the test above, in a new process.

@@ -1,18 +1,15 @@
 #pragma once
 // On-disk repositories for the typed asset tests: a temporary tree with two repository roots
-// (main and base) and the two preference trees, removed after each test.
+// (main and base) and the two preference trees.
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
+#include <map>
 #include <string>
 
 #include "asset/storage/urlassetrepository.h"
 #include "asset/types/typed_assets.h"
 #include "kelvo/application.h"
 #include "kelvo/settings.h"
+#include "temp_tree.h"
 #include "test_assets.h"
 
 namespace kelvo::testing {
@@ -20,29 +17,25 @@ namespace kelvo::testing {
 inline const Id kMainRepo{"test.types.main"};
 inline const Id kBaseRepo{"test.types.base"};
 
-class TypesTest : public ::testing::Test {
+class TypesTest : public TempTreeTest {
 protected:
   void SetUp() override {
     RegisterTextAssetType();
     ASSERT_TRUE(RegisterTypedAssetTypes().HasValue());
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    _base = std::filesystem::path("/tmp") / ("kelvo_types_" + std::string(info->test_suite_name()) + "_" +
-                                             std::string(info->name()) + "_" + std::to_string(::getpid()));
-    std::filesystem::remove_all(_base);
-    for (const char* dir : {"main", "base", "prefs", "globalprefs"}) std::filesystem::create_directories(_base / dir);
-    Application::SetUrl(APPLICATION_URLTYPE::PREFS_DIR, Url::FromFile((_base / "prefs").string()));
-    Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, Url::FromFile((_base / "globalprefs").string()));
+    TempTreeTest::SetUp();
+    for (const char* dir : {"main", "base", "prefs", "globalprefs"}) std::filesystem::create_directories(_dir / dir);
+    Application::SetUrl(APPLICATION_URLTYPE::PREFS_DIR, Url::FromFile((_dir / "prefs").string()));
+    Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, Url::FromFile((_dir / "globalprefs").string()));
     Settings::Reload();
   }
   void TearDown() override {
     Application::SetUrl(APPLICATION_URLTYPE::PREFS_DIR, Url());
     Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, Url());
     Settings::Reload();
-    std::error_code ec;
-    std::filesystem::remove_all(_base, ec);
+    TempTreeTest::TearDown();
   }
 
-  std::filesystem::path Dir(const std::string& name) const { return _base / name; }
+  std::filesystem::path Dir(const std::string& name) const { return _dir / name; }
 
   // Opens the repository in directory dir (main or base) with the given bases.
   AssetRepositoryRef Open(const std::string& dir = "main", const Id& id = kMainRepo, const RepositoryArray& bases = {},
@@ -74,12 +67,8 @@ protected:
   static std::map<std::string, std::string> Snapshot(const std::filesystem::path& dir) {
     std::map<std::string, std::string> files;
     std::error_code ec;
-    for (auto it = std::filesystem::recursive_directory_iterator(dir, ec); it != std::filesystem::end(it); ++it) {
-      if (!it->is_regular_file()) continue;
-      std::ifstream in(it->path(), std::ios::binary);
-      files[std::filesystem::relative(it->path(), dir).string()] =
-          std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
+    for (auto it = std::filesystem::recursive_directory_iterator(dir, ec); it != std::filesystem::end(it); ++it)
+      if (it->is_regular_file()) files[std::filesystem::relative(it->path(), dir).string()] = ReadFile(it->path());
     return files;
   }
 
@@ -89,8 +78,6 @@ protected:
       if (std::filesystem::path(path).filename().string().find(part) != std::string::npos) return true;
     return false;
   }
-
-  std::filesystem::path _base;
 };
 
 } // namespace kelvo::testing
