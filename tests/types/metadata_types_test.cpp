@@ -1,5 +1,4 @@
-// What every metadata-only typed asset type shares, and the smart search, node space, plugin and
-// subtype assets.
+// What every metadata-only typed asset type shares, and the computed values and renamings of some.
 
 #include "asset/types/category_asset.h"
 #include "asset/types/color_category_asset.h"
@@ -18,20 +17,17 @@ using MetadataTypesTest = TypesTest;
 struct TypeCase {
   Id type;
   Asset (*create)();
-  const char* refusal;
 };
 
 const TypeCase kCases[] = {
-    {KeywordAssetInterface::TypeId(), &KeywordAssetInterface::Create, "Given asset is not a valid keyword."},
-    {CategoryAssetInterface::TypeId(), &CategoryAssetInterface::Create, "Given asset is not a valid category."},
-    {ColorCategoryAssetInterface::TypeId(), &ColorCategoryAssetInterface::Create,
-     "Given asset is not a valid color category."},
-    {CommandAssetInterface::TypeId(), &CommandAssetInterface::Create, "Given asset is not a valid command."},
-    {SmartSearchAssetInterface::TypeId(), &SmartSearchAssetInterface::Create,
-     "Given asset is not a valid smart filter."},
-    {NodeSpaceAssetInterface::TypeId(), &NodeSpaceAssetInterface::Create, "Given asset is not a valid nodespace."},
-    {PluginAssetInterface::TypeId(), &PluginAssetInterface::Create, "Given asset is not a valid plugin."},
-    {SubTypeAssetInterface::TypeId(), &SubTypeAssetInterface::Create, "Given asset is not a valid subtype."},
+    {KeywordAssetInterface::TypeId(), &KeywordAssetInterface::Create},
+    {CategoryAssetInterface::TypeId(), &CategoryAssetInterface::Create},
+    {ColorCategoryAssetInterface::TypeId(), &ColorCategoryAssetInterface::Create},
+    {CommandAssetInterface::TypeId(), &CommandAssetInterface::Create},
+    {SmartSearchAssetInterface::TypeId(), &SmartSearchAssetInterface::Create},
+    {NodeSpaceAssetInterface::TypeId(), &NodeSpaceAssetInterface::Create},
+    {PluginAssetInterface::TypeId(), &PluginAssetInterface::Create},
+    {SubTypeAssetInterface::TypeId(), &SubTypeAssetInterface::Create},
 };
 
 TEST_F(MetadataTypesTest, EachTypeStoresZeroBytesIsFoundByTypeAndRefusesForeignAssets) {
@@ -48,7 +44,7 @@ TEST_F(MetadataTypesTest, EachTypeStoresZeroBytesIsFoundByTypeAndRefusesForeignA
     const auto file = Dir("main") / "foreign";
     auto refused = type->Store(MakeText("x"), Url::FromFile(file.string()), nullptr);
     ASSERT_TRUE(refused.HasError());
-    EXPECT_EQ(refused.GetError().GetMessage(), c.refusal);
+    EXPECT_EQ(refused.GetError().GetMessage().rfind("Given asset is not a valid ", 0), 0u) << refused.GetError().ToString();
     EXPECT_FALSE(std::filesystem::exists(file));
     // Another type's asset is as foreign as a file.
     const TypeCase& other = &c == &kCases[0] ? kCases[1] : kCases[0];
@@ -85,20 +81,6 @@ TEST_F(MetadataTypesTest, TagsAndCategoryAreAnsweredByTheTypesThatHaveNone) {
   auto category = plugin->GetMetaData()->Get(typedmetaids::baseCategory);
   ASSERT_TRUE(category.HasValue() && *category);
   EXPECT_EQ(**category, Data(Id()));
-}
-
-TEST_F(MetadataTypesTest, ASmartSearchKeepsItsFilterText) {
-  auto repo = Open();
-  AssetDescription d = Store(repo, "recent wood", SmartSearchAssetInterface::Create(), "Recent wood");
-  auto never = d->Load(false);
-  ASSERT_TRUE(never.HasValue());
-  EXPECT_EQ(dynamic_cast<SmartSearchAssetInterface&>(**never).GetFilterString(), "");
-  ASSERT_TRUE(SmartSearchAssetInterface::SetFilterString(d, "keyword:wood date:>2026").HasValue());
-  repo.reset();
-  repo = Open();
-  auto loaded = Latest(repo, "recent wood")->Load(false);
-  ASSERT_TRUE(loaded.HasValue());
-  EXPECT_EQ(dynamic_cast<SmartSearchAssetInterface&>(**loaded).GetFilterString(), "keyword:wood date:>2026");
 }
 
 TEST_F(MetadataTypesTest, PluginAssetsOfReplacedModulesAreRenamed) {
