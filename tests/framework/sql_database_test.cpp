@@ -166,29 +166,13 @@ TEST_F(SqlDatabaseTest, StatementsWithValuesFormattedInDoNotGrowTheCacheWithoutB
   EXPECT_LE(db->GetCachedStatementCount(), 256u);
 }
 
-TEST_F(SqlDatabaseTest, UserVersionDrivesAMigrationOnReopen) {
-  auto migrate = [](SqlDatabase& db) -> Result<std::int32_t> {
-    KELVO_ASSIGN_OR_RETURN(std::int32_t version, db.GetUserVersion());
-    if (version < 1) KELVO_RETURN_ON_ERROR(db.Exec("CREATE TABLE a (x INTEGER);"));
-    if (version < 2) KELVO_RETURN_ON_ERROR(db.Exec("ALTER TABLE a ADD COLUMN y TEXT;"));
-    KELVO_RETURN_ON_ERROR(db.SetUserVersion(2));
-    return version;
-  };
+TEST_F(SqlDatabaseTest, UserVersionSurvivesAReopen) {
   {
     auto db = OpenDb();
-    ASSERT_TRUE(db->Exec("CREATE TABLE a (x INTEGER); INSERT INTO a VALUES (5);").HasValue());
-    ASSERT_TRUE(db->SetUserVersion(1).HasValue());
+    EXPECT_EQ(*db->GetUserVersion(), 0);
+    ASSERT_TRUE(db->SetUserVersion(2).HasValue());
   }
-  auto db = OpenDb();
-  auto from = migrate(*db);
-  ASSERT_TRUE(from.HasValue()) << from.GetError().ToString();
-  EXPECT_EQ(*from, 1);
-  EXPECT_TRUE(db->ExecuteSQLQuery("INSERT INTO a VALUES (?, ?);", {6, "new column"}).HasValue());
-  EXPECT_EQ(Count(*db, "a"), 2);
-  db.reset();
-  db = OpenDb();
-  EXPECT_EQ(*db->GetUserVersion(), 2);
-  EXPECT_EQ(*migrate(*db), 2) << "a current file migrates nothing";
+  EXPECT_EQ(*OpenDb()->GetUserVersion(), 2);
 }
 
 TEST_F(SqlDatabaseTest, ReadersSeeTheLastCommitWhileAWriterWorks) {
@@ -262,9 +246,7 @@ TEST_F(SqlDatabaseTest, ThreadsSharingOneConnectionDoNotEnterEachOthersTransacti
 }
 
 TEST_F(SqlDatabaseTest, DamagedOrForeignFilesGiveErrorsNotCrashes) {
-  {
-    std::ofstream(_dir / "garbage.db") << std::string(4096, 'x');
-  }
+  kelvo::testing::WriteFile(_dir / "garbage.db", std::string(4096, 'x'));
   auto garbage = SqlDatabase::Open(FileUrl("garbage.db"));
   ASSERT_TRUE(garbage.HasError());
   EXPECT_TRUE(garbage.GetError().Is(errors::fileformat)) << garbage.GetError().ToString();

@@ -6,12 +6,7 @@
 
 #include "asset/storage/database_asset.h"
 #include "asset/types/asset_type_enum_list.h"
-#include "asset/types/category_asset.h"
-#include "asset/types/color_category_asset.h"
-#include "asset/types/command_asset.h"
 #include "asset/types/keyword_asset.h"
-#include "asset/types/marker_assets.h"
-#include "asset/types/smart_search_asset.h"
 #include "preset_fixture.h"
 
 namespace kelvo::testing {
@@ -46,21 +41,14 @@ protected:
 TEST_F(EnumListTest, EveryRegisteredTypeOffersItsAssets) {
   const std::filesystem::path file = Dir("prefs") / "photo.png";
   std::ofstream(file) << "png";
-  const std::map<Id, std::function<Asset()>> makers{
+  std::map<Id, std::function<Asset()>> makers{
       {g_fileAssetTypeId, [&] { return FileAssetInterface::Create(Url::FromFile(file.string())); }},
       {g_databaseAssetTypeId, &DataBaseAssetInterface::Create},
-      {KeywordAssetInterface::TypeId(), &KeywordAssetInterface::Create},
-      {CategoryAssetInterface::TypeId(), &CategoryAssetInterface::Create},
-      {ColorCategoryAssetInterface::TypeId(), &ColorCategoryAssetInterface::Create},
-      {CommandAssetInterface::TypeId(), &CommandAssetInterface::Create},
-      {SmartSearchAssetInterface::TypeId(), &SmartSearchAssetInterface::Create},
-      {NodeSpaceAssetInterface::TypeId(), &NodeSpaceAssetInterface::Create},
-      {PluginAssetInterface::TypeId(), &PluginAssetInterface::Create},
-      {SubTypeAssetInterface::TypeId(), &SubTypeAssetInterface::Create},
       {kTextType, [] { return MakeText("text"); }},
       {kSwatchPresetType, [] { return MakePreset("swatch"); }},
       {kPlainPresetType, [] { return Asset(std::make_shared<PlainPreset>()); }},
   };
+  makers.insert(kMetadataTypes.begin(), kMetadataTypes.end());
   auto repo = Open();
   // A type registered without a case here would go unchecked: that fails.
   for (const auto& [type, assetType] : GetAssetTypeRegistry()->GetEntries()) {

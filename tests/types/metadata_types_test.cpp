@@ -1,9 +1,5 @@
 // What every metadata-only typed asset type shares, and the computed values and renamings of some.
 
-#include "asset/types/category_asset.h"
-#include "asset/types/color_category_asset.h"
-#include "asset/types/command_asset.h"
-#include "asset/types/keyword_asset.h"
 #include "asset/types/marker_assets.h"
 #include "asset/types/metadata_asset_type.h"
 #include "asset/types/smart_search_asset.h"
@@ -14,32 +10,16 @@ namespace {
 
 using MetadataTypesTest = TypesTest;
 
-struct TypeCase {
-  Id type;
-  Asset (*create)();
-};
-
-const TypeCase kCases[] = {
-    {KeywordAssetInterface::TypeId(), &KeywordAssetInterface::Create},
-    {CategoryAssetInterface::TypeId(), &CategoryAssetInterface::Create},
-    {ColorCategoryAssetInterface::TypeId(), &ColorCategoryAssetInterface::Create},
-    {CommandAssetInterface::TypeId(), &CommandAssetInterface::Create},
-    {SmartSearchAssetInterface::TypeId(), &SmartSearchAssetInterface::Create},
-    {NodeSpaceAssetInterface::TypeId(), &NodeSpaceAssetInterface::Create},
-    {PluginAssetInterface::TypeId(), &PluginAssetInterface::Create},
-    {SubTypeAssetInterface::TypeId(), &SubTypeAssetInterface::Create},
-};
-
 TEST_F(MetadataTypesTest, EachTypeStoresZeroBytesIsFoundByTypeAndRefusesForeignAssets) {
   auto repo = Open();
-  for (const TypeCase& c : kCases) {
-    SCOPED_TRACE(c.type.ToString());
-    AssetDescription d = Store(repo, "one_" + c.type.ToString(), c.create());
+  for (const auto& [typeId, create] : kMetadataTypes) {
+    SCOPED_TRACE(typeId.ToString());
+    AssetDescription d = Store(repo, "one_" + typeId.ToString(), create());
     ASSERT_TRUE(d);
-    const AssetType type = FindAssetType(c.type);
+    const AssetType type = FindAssetType(typeId);
     ASSERT_TRUE(type);
     EXPECT_EQ(type->GetData(assettypeproperties::supportVersions).GetValue(), Data(false));
-    EXPECT_EQ(type->GetUrlSuffix(c.create()), "");
+    EXPECT_EQ(type->GetUrlSuffix(create()), "");
     // A foreign asset: refused before the URL is touched.
     const auto file = Dir("main") / "foreign";
     auto refused = type->Store(MakeText("x"), Url::FromFile(file.string()), nullptr);
@@ -47,27 +27,27 @@ TEST_F(MetadataTypesTest, EachTypeStoresZeroBytesIsFoundByTypeAndRefusesForeignA
     EXPECT_EQ(refused.GetError().GetMessage().rfind("Given asset is not a valid ", 0), 0u) << refused.GetError().ToString();
     EXPECT_FALSE(std::filesystem::exists(file));
     // Another type's asset is as foreign as a file.
-    const TypeCase& other = &c == &kCases[0] ? kCases[1] : kCases[0];
-    EXPECT_TRUE(type->Store(other.create(), Url(), nullptr).HasError());
+    const auto& other = typeId == kMetadataTypes[0].first ? kMetadataTypes[1] : kMetadataTypes[0];
+    EXPECT_TRUE(type->Store(other.second(), Url(), nullptr).HasError());
   }
   repo.reset();
   repo = Open();
-  for (const TypeCase& c : kCases) {
-    SCOPED_TRACE(c.type.ToString());
+  for (const auto& [typeId, create] : kMetadataTypes) {
+    SCOPED_TRACE(typeId.ToString());
     std::vector<AssetDescription> found;
-    ASSERT_TRUE(repo->FindAssets(TypeArray{c.type}, Id(), Id(), LATEST, [&](const AssetDescription& d) -> Result<bool> {
+    ASSERT_TRUE(repo->FindAssets(TypeArray{typeId}, Id(), Id(), LATEST, [&](const AssetDescription& d) -> Result<bool> {
       found.push_back(d);
       return true;
     }).HasValue());
     ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(found[0]->GetIdAndVersion().first.ToString(), "one_" + c.type.ToString());
+    EXPECT_EQ(found[0]->GetIdAndVersion().first.ToString(), "one_" + typeId.ToString());
     // The version Id is the hash of nothing.
     EXPECT_EQ(found[0]->GetIdAndVersion().second.ToString(),
               "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
     EXPECT_EQ(std::filesystem::file_size(found[0]->GetUrl().GetValue().GetPath()), 0u);
     auto loaded = found[0]->Load(false);
     ASSERT_TRUE(loaded.HasValue()) << loaded.GetError().ToString();
-    EXPECT_EQ((*loaded)->GetType(), FindAssetType(c.type));
+    EXPECT_EQ((*loaded)->GetType(), FindAssetType(typeId));
   }
 }
 

@@ -6,6 +6,12 @@
 #include <string>
 
 #include "asset/storage/urlassetrepository.h"
+#include "asset/types/category_asset.h"
+#include "asset/types/color_category_asset.h"
+#include "asset/types/command_asset.h"
+#include "asset/types/keyword_asset.h"
+#include "asset/types/marker_assets.h"
+#include "asset/types/smart_search_asset.h"
 #include "asset/types/typed_assets.h"
 #include "kelvo/application.h"
 #include "kelvo/settings.h"
@@ -16,6 +22,18 @@ namespace kelvo::testing {
 
 inline const Id kMainRepo{"test.types.main"};
 inline const Id kBaseRepo{"test.types.base"};
+
+// Each typed asset type whose assets are metadata only, with a way to make one.
+inline const std::vector<std::pair<Id, Asset (*)()>> kMetadataTypes{
+    {KeywordAssetInterface::TypeId(), &KeywordAssetInterface::Create},
+    {CategoryAssetInterface::TypeId(), &CategoryAssetInterface::Create},
+    {ColorCategoryAssetInterface::TypeId(), &ColorCategoryAssetInterface::Create},
+    {CommandAssetInterface::TypeId(), &CommandAssetInterface::Create},
+    {SmartSearchAssetInterface::TypeId(), &SmartSearchAssetInterface::Create},
+    {NodeSpaceAssetInterface::TypeId(), &NodeSpaceAssetInterface::Create},
+    {PluginAssetInterface::TypeId(), &PluginAssetInterface::Create},
+    {SubTypeAssetInterface::TypeId(), &SubTypeAssetInterface::Create},
+};
 
 class TypesTest : public TempTreeTest {
 protected:
