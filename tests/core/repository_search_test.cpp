@@ -258,3 +258,49 @@ TEST(RepositorySearch, ConcurrentFindsWhileBasesChange) {
   for (auto& t : readers) t.join();
   EXPECT_EQ(failures.load(), 0);
 }
+
+namespace {
+
+// An in-memory repository whose back end fails to list the versions of one asset, as a damaged
+// or unreachable store would.
+class FailingRepository : public MemoryAssetRepositoryImpl {
+public:
+  FailingRepository() : MemoryAssetRepositoryImpl(true, std::make_shared<MemoryAssetStore>("failing")) {}
+  Result<void> LoadVersionsImpl(const Id& aid, const Id& type, const Data& adata,
+                                const VersionReceiver& receiver) override {
+    if (failing && aid == Id("broken")) return IoError("The versions of @ can't be read.", aid);
+    return MemoryAssetRepositoryImpl::LoadVersionsImpl(aid, type, adata, receiver);
+  }
+  bool failing = false;
+};
+
+} // namespace
+
+// An error raised inside a base reaches the caller in the modes that merge (LATEST) and in those
+// that don't (ALL, LATEST | WITHOUT_BASES on the base): the walk never drops it and goes on.
+TEST(RepositorySearch, ErrorsOfABaseReachTheCaller) {
+  auto base = std::make_shared<FailingRepository>();
+  ASSERT_TRUE(base->InitImpl(Id("test.failing"), false).HasValue());
+  Store(base, "fine", "f");
+  Store(base, "broken", "b");
+  ASSERT_TRUE(base->Rescan().HasValue()); // forget the versions listed by the stores
+  base->failing = true;
+  auto top = MakeRepository("top");
+  ASSERT_TRUE(top->AddBase(base).HasValue());
+  Store(top, "own", "o");
+  auto search = [](const AssetRepositoryRef& repo, ASSET_FIND_MODE mode) {
+    std::size_t found = 0;
+    auto r = repo->FindAssets({}, Id(), Id(), mode, [&found](const AssetDescription&) -> Result<bool> {
+      ++found;
+      return true;
+    });
+    return r.HasError() ? r.GetError().ToString() : "found " + std::to_string(found);
+  };
+  for (const ASSET_FIND_MODE mode : {ALL, ALL | WITH_DELETED, LATEST, LATEST | RANDOMIZED_ORDER}) {
+    SCOPED_TRACE(static_cast<int>(mode));
+    EXPECT_NE(search(top, mode).find("can't be read"), std::string::npos) << search(top, mode);
+  }
+  EXPECT_NE(search(base, LATEST | WITHOUT_BASES).find("can't be read"), std::string::npos);
+  EXPECT_NE(search(base, ALL | WITHOUT_BASES).find("can't be read"), std::string::npos);
+  EXPECT_EQ(search(top, LATEST | WITHOUT_BASES), "found 1");
+}

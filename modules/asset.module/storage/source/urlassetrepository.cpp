@@ -388,9 +388,19 @@ Result<void> UrlAssetRepositoryImpl::LoadVersionsImpl(const Id& aid, const Id& t
     }
     if (versionId.IsEmpty()) {
       // Content without a hash file: compute the digest, and keep it when the tree is writable.
-      KELVO_ASSIGN_OR_RETURN(Digest digest, HashContent(found.content, Url()));
-      versionId = Id(DigestToHex(digest));
-      if (IsWritable()) KELVO_RETURN_ON_ERROR(versionDir.Append("hash").WriteAll(versionId.ToString() + "\n"));
+      // Content that can't be read (a FIFO, a file without permission) is one damaged version, not a
+      // reason to fail every search that reaches this repository: it is passed over with a warning,
+      // and `kasset check` names it too.
+      Result<Digest> digest = HashContent(found.content, Url());
+      if (digest.HasError()) {
+        WarningOutput("Passing over version @ of @: its digest can't be taken: @", parsed->number, aid, digest.GetError());
+        continue;
+      }
+      versionId = Id(DigestToHex(*digest));
+      if (IsWritable()) {
+        if (Result<void> kept = versionDir.Append("hash").WriteAll(versionId.ToString() + "\n"); kept.HasError())
+          WarningOutput("Can't keep the digest of version @ of @: @", parsed->number, aid, kept.GetError());
+      }
     }
     KELVO_RETURN_ON_ERROR(ReportVersion(aid, type, versionDir, parsed->number, versionId, deleted, found.content,
                                         metaNames, nullptr, receiver));

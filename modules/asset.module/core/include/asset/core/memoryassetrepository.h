@@ -44,7 +44,7 @@ private:
   std::uint64_t _nextVersion = 1;
 };
 
-class MemoryAssetRepositoryImpl final : public BaseAssetRepositoryImpl {
+class MemoryAssetRepositoryImpl : public BaseAssetRepositoryImpl {
 public:
   // Makes a repository on store (a new empty store when null) and reads the Ids it holds.
   static Result<std::shared_ptr<MemoryAssetRepositoryImpl>> Create(const Id& rid, bool writable,
