@@ -1,5 +1,6 @@
 #include "linked_asset.h"
 
+#include <algorithm>
 #include <sstream>
 
 #include "asset/core/assetrepository.h"
@@ -25,7 +26,9 @@ Result<bool> LinkedAsset::GetReferencedAssets(bool, const AssetReferenceReceiver
 }
 
 Result<void> LinkedAsset::Update(const std::vector<AssetUpdatePair>& updates, const AssetRepositoryRef&) {
-  for (const auto& [reference, updated] : updates) {
+  for (const AssetUpdatePair& pair : updates) {
+    const AssetReferenceRef& reference = pair.first;
+    const AssetDescription& updated = pair.second;
     auto it = std::find_if(references.begin(), references.end(),
                            [&](const LinkReferenceRef& r) { return r.get() == reference.get(); });
     if (it == references.end()) return IllegalArgumentError("Not a reference of @.", label);
