@@ -133,67 +133,77 @@ AssetDescription RootOf(const CommandLine& line, const Session& session, int& co
   return *root;
 }
 
-int CmdDeps(const CommandLine& line, Session& session) {
+// The marks of one edge of a tree: "(depends on V)" when the edge names another version than the
+// one shown, and the update policy.
+std::string EdgeNotes(const Dependency& dependency, const Id& shownVersion) {
+  std::string notes;
+  if (!dependency.target.second.IsEmpty() && dependency.target.second != shownVersion)
+    notes = "  (depends on " + Short(dependency.target.second) + ")";
+  return notes + "  [" + PolicyName(dependency.policy) + "]";
+}
+
+// Prints the tree of the asset named on the command line, to --depth; prepare runs once the
+// asset is known, before the tree is walked.
+int PrintTree(const CommandLine& line, const Session& session, const std::function<Result<void>()>& prepare,
+              TreePrinter::Children children) {
   int code = EXIT_OK;
   const std::size_t depth = DepthOption(line, code);
   if (code != EXIT_OK) return code;
   AssetDescription root = RootOf(line, session, code);
   if (!root) return code;
-  TreePrinter printer(depth, [&](const AssetDescription& d, std::vector<std::pair<AssetDescription, std::string>>& children)
-                                 -> Result<void> {
-    KELVO_ASSIGN_OR_RETURN(std::vector<Dependency> dependencies, DependenciesOf(d));
-    for (const Dependency& dependency : dependencies) {
-      KELVO_ASSIGN_OR_RETURN(AssetDescription latest, Latest(session, dependency.target.first));
-      std::string notes = std::string("  [") + PolicyName(dependency.policy) + "]";
-      if (!latest) {
-        // Shown by its record alone: a description that knows only the Id and the version.
-        latest = std::make_shared<AssetDescriptionImpl>(dependency.target, Id(), VersionKey(), nullptr, false, nullptr, Url());
-        notes += "  (missing)";
-      } else if (!dependency.target.second.IsEmpty() && latest->GetIdAndVersion().second != dependency.target.second) {
-        notes = "  (depends on " + Short(dependency.target.second) + ")" + notes;
-      }
-      children.emplace_back(latest, notes);
-    }
-    return {};
-  });
+  if (prepare)
+    if (auto r = prepare(); r.HasError()) return Fail(EXIT_FAILED, r.GetError().ToString());
+  TreePrinter printer(depth, std::move(children));
   if (auto r = printer.Print(root, "", 0); r.HasError()) return Fail(EXIT_FAILED, r.GetError().ToString());
   std::cout << printer.Text();
   return EXIT_OK;
 }
 
+int CmdDeps(const CommandLine& line, Session& session) {
+  return PrintTree(line, session, nullptr,
+                   [&](const AssetDescription& d, std::vector<std::pair<AssetDescription, std::string>>& children)
+                       -> Result<void> {
+                     KELVO_ASSIGN_OR_RETURN(std::vector<Dependency> dependencies, DependenciesOf(d));
+                     for (const Dependency& dependency : dependencies) {
+                       KELVO_ASSIGN_OR_RETURN(AssetDescription latest, Latest(session, dependency.target.first));
+                       if (latest) {
+                         children.emplace_back(latest, EdgeNotes(dependency, latest->GetIdAndVersion().second));
+                         continue;
+                       }
+                       // Shown by its record alone: a description that knows only the Id and the version.
+                       children.emplace_back(std::make_shared<AssetDescriptionImpl>(dependency.target, Id(), VersionKey(),
+                                                                                    nullptr, false, nullptr, Url()),
+                                             EdgeNotes(dependency, dependency.target.second) + "  (missing)");
+                     }
+                     return {};
+                   });
+}
+
 int CmdRdeps(const CommandLine& line, Session& session) {
-  int code = EXIT_OK;
-  const std::size_t depth = DepthOption(line, code);
-  if (code != EXIT_OK) return code;
-  AssetDescription root = RootOf(line, session, code);
-  if (!root) return code;
   // Nothing on disk says who depends on whom: every asset the repository reaches is read.
   std::unordered_map<Id, std::vector<std::pair<AssetDescription, Dependency>>> dependents;
-  auto walk = session.repository->FindAssets(TypeArray{}, Id(), Id(), LATEST, [&](const AssetDescription& d) -> Result<bool> {
-    KELVO_ASSIGN_OR_RETURN(std::vector<Dependency> dependencies, DependenciesOf(d));
-    for (const Dependency& dependency : dependencies) dependents[dependency.target.first].emplace_back(d, dependency);
-    return true;
-  });
-  if (walk.HasError()) return Fail(EXIT_FAILED, walk.GetError().ToString());
-  TreePrinter printer(depth, [&](const AssetDescription& d, std::vector<std::pair<AssetDescription, std::string>>& children)
-                                 -> Result<void> {
-    auto it = dependents.find(d->GetIdAndVersion().first);
-    if (it == dependents.end()) return {};
-    auto sorted = it->second;
-    std::sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) {
-      return a.first->GetIdAndVersion().first.ToString() < b.first->GetIdAndVersion().first.ToString();
+  auto collect = [&]() -> Result<void> {
+    auto walk = session.repository->FindAssets(TypeArray{}, Id(), Id(), LATEST, [&](const AssetDescription& d) -> Result<bool> {
+      KELVO_ASSIGN_OR_RETURN(std::vector<Dependency> dependencies, DependenciesOf(d));
+      for (const Dependency& dependency : dependencies) dependents[dependency.target.first].emplace_back(d, dependency);
+      return true;
     });
-    for (const auto& [dependent, dependency] : sorted) {
-      std::string notes = std::string("  [") + PolicyName(dependency.policy) + "]";
-      if (!dependency.target.second.IsEmpty() && dependency.target.second != d->GetIdAndVersion().second)
-        notes = "  (depends on " + Short(dependency.target.second) + ")" + notes;
-      children.emplace_back(dependent, notes);
-    }
+    if (walk.HasError()) return walk.GetError();
+    for (auto& [target, list] : dependents)
+      std::sort(list.begin(), list.end(), [](const auto& a, const auto& b) {
+        return a.first->GetIdAndVersion().first.ToString() < b.first->GetIdAndVersion().first.ToString();
+      });
     return {};
-  });
-  if (auto r = printer.Print(root, "", 0); r.HasError()) return Fail(EXIT_FAILED, r.GetError().ToString());
-  std::cout << printer.Text();
-  return EXIT_OK;
+  };
+  return PrintTree(line, session, collect,
+                   [&](const AssetDescription& d, std::vector<std::pair<AssetDescription, std::string>>& children)
+                       -> Result<void> {
+                     auto it = dependents.find(d->GetIdAndVersion().first);
+                     if (it == dependents.end()) return {};
+                     for (const auto& [dependent, dependency] : it->second)
+                       children.emplace_back(dependent, EdgeNotes(dependency, d->GetIdAndVersion().second));
+                     return {};
+                   });
 }
 
 int CmdUpdate(const CommandLine& line, Session& session) {
@@ -287,7 +297,7 @@ const std::vector<CommandSpec>& GetLinkCommands() {
        "of every asset that the repository reaches, mounted repositories included. The marks are those\n"
        "of 'kasset deps'.",
        depth},
-      {"update", "[ID]", 0, 1, "Bring assets that follow their links up to date and print what each now follows.",
+      {"update", "[ID]", 0, 1, "Bring assets that follow their links up to date, in memory only, and print what each follows.",
        "With ID, the assets that depend on ID, directly or through others, follow its latest version;\n"
        "without, every asset of the repository follows the latest versions of what it refers to. An\n"
        "asset is updated after everything it depends on. Links are known only for loaded assets, so\n"
