@@ -34,8 +34,9 @@ struct PendingUpdate {
 class UpdatableAssetInterface {
 public:
   virtual ~UpdatableAssetInterface() = default;
-  // Makes each reference of updates, which is one of this asset's own, point at its updated asset.
-  // Called on a private copy of the asset, never on a shared one.
+  // Makes each reference of updates point at its updated asset. Called on a private copy (Clone) of
+  // the loaded asset; the references are those that the loaded asset reported, which a shallow
+  // copy still shares with it, so they are replaced rather than changed.
   virtual Result<void> Update(const std::vector<AssetUpdatePair>& updates, const AssetRepositoryRef& repository) = 0;
 };
 
