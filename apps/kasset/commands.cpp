@@ -15,6 +15,7 @@
 #include "check_commands.h"
 #include "db_commands.h"
 #include "find_commands.h"
+#include "link_commands.h"
 #include "watch_commands.h"
 #include "types_commands.h"
 #include "remote_commands.h"
@@ -226,6 +227,12 @@ int CmdAdd(const CommandLine& line, Session& session) {
   const std::vector<std::string> keywords = SplitList(line.Get("keywords").value_or(""));
   if (id && line.args.size() != 1) return Fail(EXIT_USAGE, "--id needs exactly one FILE");
   if (!session.repository->IsWritable()) return Fail(EXIT_FAILED, "the repository is read-only");
+  Data dependencies;
+  if (auto depends = line.Get("depends")) {
+    int code = EXIT_OK;
+    dependencies = MakeDependencyRecords(session, SplitList(*depends), code);
+    if (code != EXIT_OK) return code;
+  }
 
   // Everything is checked before the first store, so that a bad argument stores nothing.
   std::vector<std::string> paths;
@@ -278,6 +285,13 @@ int CmdAdd(const CommandLine& line, Session& session) {
         r.HasError()) {
       progress.Finish();
       return Fail(EXIT_FAILED, "stored " + aid.ToString() + " but can't set its name: " + ErrorText(r.GetError()));
+    }
+    if (!dependencies.IsEmpty()) {
+      if (auto r = session.repository->StoreMetaData(d, metaids::dependencies, dependencies, AssetMetaData::PERSISTENT);
+          r.HasError()) {
+        progress.Finish();
+        return Fail(EXIT_FAILED, "stored " + aid.ToString() + " but can't record its dependencies: " + ErrorText(r.GetError()));
+      }
     }
     if (!keywords.empty()) {
       DataArray ids;
@@ -523,7 +537,8 @@ const std::vector<CommandSpec>& GetCommands() {
        "any FILE is missing.",
        {{"name", "NAME", "the asset's name (default: the file's name)"},
         {"keywords", "A,B", "keywords stored with the asset, separated by commas"},
-        {"id", "ID", "store under this asset Id (one FILE only); an existing asset gets a new version"}}},
+        {"id", "ID", "store under this asset Id (one FILE only); an existing asset gets a new version"},
+        {"depends", "A,B", "record that the asset depends on the latest versions of these assets"}}},
       {"show", "ID", 1, 1, "Show an asset: its versions and the metadata of its latest version.",
        "A VERSION may be abbreviated to its first characters (at least 4) when that is unambiguous.",
        {{"version", "VERSION", "show the metadata of this version"}}},
@@ -553,6 +568,7 @@ const std::vector<CommandSpec>& GetCommands() {
     v.insert(v.end(), GetDbCommands().begin(), GetDbCommands().end());
     v.insert(v.end(), GetWatchCommands().begin(), GetWatchCommands().end());
     v.insert(v.end(), GetTypesCommands().begin(), GetTypesCommands().end());
+    v.insert(v.end(), GetLinkCommands().begin(), GetLinkCommands().end());
     v.insert(v.end(), GetCheckCommands().begin(), GetCheckCommands().end());
     v.insert(v.end(), GetRemoteCommands().begin(), GetRemoteCommands().end());
     return v;
@@ -600,6 +616,7 @@ int RunCommand(const CommandLine& line, Session& session) {
   if (IsDbCommand(c)) return RunDbCommand(line, session);
   if (IsWatchCommand(c)) return RunWatchCommand(line, session);
   if (IsTypesCommand(c)) return RunTypesCommand(line, session);
+  if (IsLinkCommand(c)) return RunLinkCommand(line, session);
   if (IsCheckCommand(c)) return RunCheckCommand(line, session);
   if (IsRemoteCommand(c)) return RunRemoteCommand(line, session);
   return Fail(EXIT_USAGE, "unknown command '" + c + "'");

@@ -125,9 +125,21 @@ Result<Asset> AssetDescriptionImpl::Load(bool updateLinks) const {
   asset->SetId(aid, updateLinks ? 1 : 0, repository, url);
   asset->SetMetaData(_metaData);
   slot = asset;
+  // The links are recorded outside the slot lock: the repository takes its own locks for them.
+  guard.unlock();
   if (AssetRecordLoaderRef loader = repository ? repository->GetRecordLoader() : nullptr)
     KELVO_RETURN_ON_ERROR(loader->AssetLoadedImpl(asset, updateLinks));
   return asset;
+}
+
+Result<void> AssetDescriptionImpl::HoldUpdatedAsset(const Asset& asset) const {
+  if (!asset) return IllegalArgumentError("Illegal argument: Condition asset not fulfilled. ");
+  KELVO_ASSIGN_OR_RETURN(Url url, GetUrl());
+  WriteLocker guard(_loadedWithUpdatesLock);
+  const std::uint64_t update = _loadedWithUpdates ? _loadedWithUpdates->GetUpdate() + 1 : 1;
+  asset->SetId(_aid, update, _repository.lock(), url);
+  _loadedWithUpdates = asset;
+  return {};
 }
 
 Result<std::string> AssetDescriptionImpl::GetMetaString(const Id& key, const LanguageRef& language,
@@ -181,7 +193,7 @@ AssetDescription AssetBaseImpl::GetDescription() const {
   return description.HasValue() ? *description : nullptr;
 }
 
-Result<bool> AssetBaseImpl::GetReferencedAssets(bool, const std::function<Result<bool>(const AssetLink&)>&) const {
+Result<bool> AssetBaseImpl::GetReferencedAssets(bool, const AssetReferenceReceiver&) const {
   return true;
 }
 

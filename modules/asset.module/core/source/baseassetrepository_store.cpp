@@ -72,6 +72,8 @@ Result<AssetDescription> BaseAssetRepositoryImpl::StoreCore(const Id& aid, const
     KELVO_ASSIGN_OR_RETURN(bool valid, IsAssetValid(source));
     if (!valid) return IllegalStateError("Asset not valid for this app version.");
   }
+  // A link update writes nothing, so it needs no writable repository.
+  if (request.updateInPlace) return UpdateInPlace(aid, request);
   if (!deleteAsset && !assetIn && !source)
     return IllegalArgumentError("Illegal argument: Condition asset || source not fulfilled. ");
   if (!IsWritable()) return IllegalStateError("Repository @ isn't writable", _repositoryId);

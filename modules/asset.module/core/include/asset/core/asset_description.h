@@ -43,6 +43,9 @@ using AssetType = std::shared_ptr<AssetTypeInterface>;
 using AssetDescription = std::shared_ptr<const AssetDescriptionInterface>;
 
 
+using AssetReferenceReceiver = std::function<Result<bool>(const AssetReferenceRef&)>;
+using AssetUpdateReceiver = std::function<Result<void>(const AssetReferenceRef&, const AssetDescription&)>;
+
 struct AssetVersionValidity; // assets.h
 class IdAndVersionSet;       // assets.h
 
@@ -91,6 +94,9 @@ public:
                                     const std::string& fallback) const override;
   Result<void> StoreMetaString(const Id& key, const std::string& value, const LanguageRef& language) const override;
   const VersionKey& GetKey() const override { return _key; }
+  // Holds asset, changed by a link update, as this version's asset loaded with link updates: it
+  // gets this version's identity and the held asset's update counter plus 1 (1 when none is held).
+  Result<void> HoldUpdatedAsset(const Asset& asset) const;
 
 private:
   IdAndVersion _aid;
@@ -117,9 +123,14 @@ public:
   virtual AssetType GetType() const = 0;
   // Asks the repository for the description; null when the repository is gone.
   virtual AssetDescription GetDescription() const = 0;
-  // Reports the assets this one refers to; returns false when the receiver stopped.
-  virtual Result<bool> GetReferencedAssets(bool onlyUpdatable,
-                                           const std::function<Result<bool>(const AssetLink&)>& receiver) const = 0;
+  // Reports the assets this one refers to (with onlyUpdatable, those that may follow new versions);
+  // returns false when the receiver stopped.
+  virtual Result<bool> GetReferencedAssets(bool onlyUpdatable, const AssetReferenceReceiver& receiver) const = 0;
+  // Calls receiver(reference, updatedAsset) for each updatable reference of this asset that one of
+  // updatedAssets matches (MatchesUpdate). Errors: illegalargument ("Ambiguous update.") when two
+  // match one reference.
+  virtual Result<void> GetPendingUpdates(const std::vector<AssetDescription>& updatedAssets,
+                                         const AssetUpdateReceiver& receiver) const = 0;
   virtual void SetMetaData(const AssetMetaDataRef& data) = 0;
   virtual AssetMetaDataRef GetMetaData() const = 0;
   virtual Asset Clone() const = 0;
@@ -172,8 +183,9 @@ public:
   void SetId(const IdAndVersion& aid, std::uint64_t update, const AssetRepositoryRef& repository,
              const Url& url) override;
   AssetDescription GetDescription() const override;
-  Result<bool> GetReferencedAssets(bool onlyUpdatable,
-                                   const std::function<Result<bool>(const AssetLink&)>& receiver) const override;
+  Result<bool> GetReferencedAssets(bool onlyUpdatable, const AssetReferenceReceiver& receiver) const override;
+  Result<void> GetPendingUpdates(const std::vector<AssetDescription>& updatedAssets,
+                                 const AssetUpdateReceiver& receiver) const override;
   void SetMetaData(const AssetMetaDataRef& data) override;
   AssetMetaDataRef GetMetaData() const override;
 

@@ -116,6 +116,7 @@ class AssetReference : public AssetBaseWithUpdate {
 public:
   virtual AssetLink GetLink() const = 0;
 };
+using AssetReferenceRef = std::shared_ptr<const AssetReference>;
 
 class AssetLinkInterface : public AssetIdentifier {
 public:

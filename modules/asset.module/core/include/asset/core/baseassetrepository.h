@@ -3,8 +3,8 @@
 // once for all storage back ends. A back end implements only the *Impl operations of
 // BaseAssetRepositoryInterface, which touch storage and nothing else.
 //
-// Lock order: storeLock, versionsLock (then the metadata lock); idsLock is never held across
-// another lock, a back-end call or a receiver call.
+// Lock order: storeLock, versionsLock (then the metadata lock), dependentsLock; idsLock is never
+// held across another lock, a back-end call or a receiver call.
 
 #include <atomic>
 #include <cstdint>
@@ -12,9 +12,11 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
 #include <unordered_map>
 #include <vector>
 
+#include "asset/core/asset_link_updates.h"
 #include "asset/core/assetrepository.h"
 
 namespace kelvo {
@@ -100,7 +102,9 @@ public:
   virtual Result<void> UpdateNextVersionImpl(const VersionNumber& currentVersion) = 0;
 };
 
-class BaseAssetRepositoryImpl : public RepositoryBaseClass, public BaseAssetRepositoryInterface {
+class BaseAssetRepositoryImpl : public RepositoryBaseClass,
+                                public BaseAssetRepositoryInterface,
+                                public UpdatableAssetRepositoryInterface {
 public:
   // Brings the repository up: stores rid and reads the known Ids from the back end.
   Result<void> InitImpl(const Id& rid, bool tempRepository);
@@ -128,6 +132,19 @@ public:
   Result<std::string> GetRepositoryName(const LanguageRef& language, bool addDetails) override;
   Result<void> SetRepositoryName(const std::string& name, const LanguageRef& language) override;
 
+  // ---- link updates (asset_link_updates.cpp) ----
+  Result<std::vector<PendingUpdate>> GetPendingUpdates(bool reset) override;
+  Result<void> Update(const std::vector<PendingUpdate>& updates) override;
+  // Records the references of a loaded updatable asset of this repository (with updateLinks).
+  Result<void> AssetLoadedImpl(const Asset& asset, bool updateLinks) override;
+  // Both add the asset to the changes that GetPendingUpdates looks at, then notify.
+  void HandleAssetStored(const AssetDescription& asset) override;
+  void HandleAssetUpdated(const AssetDescription& asset) override;
+  // Adds asset to the changes that GetPendingUpdates looks at, as a store of it would, without
+  // notifying anyone: for a host that loads a repository in a new process and wants the assets
+  // that refer to asset brought up to date.
+  void AddPendingAsset(const AssetDescription& asset);
+
   // The versions of an Id, loaded from the back end on first need.
   Result<VersionsDataRef> GetVersions(const IdDataRef& idData);
   // The IdData of aid; null when the Id is unknown.
@@ -147,6 +164,9 @@ protected:
     bool deleteAsset = false;
     bool addEncryption = false;
     bool overwrite = false; // replaces the latest version instead of adding one
+    // A link update: asset, changed by its links, replaces the loaded asset of source (the latest
+    // version) in memory; nothing is written and no version comes into being.
+    bool updateInPlace = false;
   };
   // The core of StoreAsset, OverwriteAsset, DeleteAsset and CopyAsset.
   Result<AssetDescription> StoreCore(const Id& aid, const StoreRequest& request);
@@ -159,10 +179,24 @@ private:
   Result<bool> SelectVersions(const IdDataRef& idData, const Id& version, ASSET_FIND_MODE findMode,
                               const AssetReceiver& receiver, FindState& state);
 
+  Result<AssetDescription> UpdateInPlace(const Id& aid, const StoreRequest& request);
+
+  // A loaded dependent asset and its references to one target.
+  struct DependentEntry {
+    std::weak_ptr<AssetInterface> asset;
+    std::vector<AssetReferenceRef> references;
+  };
+
   Id _repositoryId;
   Id _descriptionDatabaseId;
   mutable ARWLock _idsLock;
   std::unordered_map<Id, IdDataRef> _ids;
+  // Target asset Id -> dependent asset Id -> entry. Memory only: it grows with loads.
+  std::shared_mutex _dependentsLock;
+  std::unordered_map<Id, std::unordered_map<Id, DependentEntry>> _dependents;
+  // Assets stored or updated since the last GetPendingUpdates(true).
+  SpinLock _pendingLock;
+  std::vector<AssetDescription> _pendingAssets;
 };
 
 // Merges a description into the latest map of a search: a slot is replaced only by a strictly

@@ -36,7 +36,9 @@ struct WatchFolderChanges {
 };
 using WatchFolderChangeReceiver = std::function<void(const WatchFolderChanges&)>;
 
-class FileWatchAssetRepositoryImpl final : public RepositoryBaseClass, public BaseAssetRepositoryInterface {
+class FileWatchAssetRepositoryImpl final : public RepositoryBaseClass,
+                                           public BaseAssetRepositoryInterface,
+                                           public UpdatableAssetRepositoryInterface {
 public:
   // Opens the folder at url (a "file" URL of a directory) with its store and bases, and waits
   // until the listing is published: from the store when it holds one, else from the first
@@ -74,6 +76,9 @@ public:
   Result<std::string> GetRepositoryName(const LanguageRef& language, bool addDetails) override;
   Result<void> SetRepositoryName(const std::string& name, const LanguageRef& language) override;
   void RequestUnloadRepository() override;
+  // A watch folder holds no assets that refer to others: there is never anything to update.
+  Result<std::vector<PendingUpdate>> GetPendingUpdates(bool) override { return std::vector<PendingUpdate>(); }
+  Result<void> Update(const std::vector<PendingUpdate>&) override { return {}; }
 
   // The storage seam: only metadata reads are served; the rest is unsupported.
   Result<void> LoadExistingIdsImpl(const IdReceiver&) override;
