@@ -37,9 +37,12 @@ Result<void> ReadKeywordIds(EvaluationState& state) {
   KELVO_ASSIGN_OR_RETURN(std::vector<Id> all, GetAssetKeywords(state.asset));
   KELVO_ASSIGN_OR_RETURN(std::optional<DataArray> shared, ReadMeta<DataArray>(state.asset, keywordids::keywords));
   record.repositoryKeywords.clear();
-  for (Id& id : IdsOf(shared)) record.repositoryKeywords.emplace_back(id.GetHashCode(), std::move(id));
-  std::sort(record.repositoryKeywords.begin(), record.repositoryKeywords.end(),
-            [](const auto& a, const auto& b) { return a.first < b.first; });
+  record.repositoryKeywordBits = 0;
+  for (const Id& id : IdsOf(shared)) {
+    const InternedId interned(id);
+    record.repositoryKeywordBits |= std::uint64_t(1) << (interned.GetHashCode() % 64);
+    record.repositoryKeywords.push_back(interned);
+  }
   record.keywordIds = std::move(all);
   record.read |= FilterRecord::KEYWORDS;
   return {};

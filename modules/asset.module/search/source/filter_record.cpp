@@ -19,19 +19,16 @@ void FilterRecord::Reset(AssetDescription description) {
   tags.clear();
   keywordIds.clear();
   repositoryKeywords.clear();
+  repositoryKeywordBits = 0;
   keywordNames.clear();
   subtype = Id();
   subtypeIds.clear();
   size = 0;
 }
 
-bool FilterRecord::ListsRepositoryKeyword(const Id& id) const {
-  const std::size_t hash = id.GetHashCode();
-  auto it = std::lower_bound(repositoryKeywords.begin(), repositoryKeywords.end(), hash,
-                             [](const std::pair<std::size_t, Id>& entry, std::size_t h) { return entry.first < h; });
-  for (; it != repositoryKeywords.end() && it->first == hash; ++it)
-    if (it->second == id) return true;
-  return false;
+bool FilterRecord::ListsRepositoryKeyword(const InternedId& id) const {
+  if (!(repositoryKeywordBits & (std::uint64_t(1) << (id.GetHashCode() % 64)))) return false;
+  return std::find(repositoryKeywords.begin(), repositoryKeywords.end(), id) != repositoryKeywords.end();
 }
 
 } // namespace kelvo

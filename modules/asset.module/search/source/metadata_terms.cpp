@@ -193,7 +193,6 @@ FORM FormOf(FILTERKEY key) {
 // The candidate of the row key for the state's asset.
 Result<Candidate> ReadCandidate(FILTERKEY key, const Id& metaId, EvaluationState& state) {
   const AssetDescription& asset = state.asset;
-  const AssetMetaDataRef meta = asset->GetMetaData();
   const auto usage = [&]() -> Result<DataDictionary> {
     KELVO_ASSIGN_OR_RETURN(std::optional<DataDictionary> value, ReadMeta<DataDictionary>(asset, keywordids::usage));
     return value.value_or(DataDictionary());

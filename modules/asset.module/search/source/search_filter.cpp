@@ -156,6 +156,7 @@ Result<void> SearchFilter::FindIndirectMatches() {
                      IndirectMatch match;
                      match.assetType = asset->GetTypeId();
                      match.assetId = asset->GetIdAndVersion().first;
+                     if (isKeyword) match.internedAssetId = InternedId(match.assetId);
                      match.metaKey = isKeyword ? keywordids::keywords : InternedId(filterids::subtype);
                      match.isKeyword = isKeyword;
                      // Terms and values in filter order, each once.
@@ -201,7 +202,7 @@ Result<bool> SearchFilter::Evaluate(FilterRecord& record, std::string& reasonTex
       bool listed = false;
       if (match.isKeyword) {
         if (ReadKeywordIds(state).HasError()) continue;
-        listed = record.ListsRepositoryKeyword(match.assetId);
+        listed = record.ListsRepositoryKeyword(match.internedAssetId);
       } else {
         if (ReadSubtype(state).HasError()) continue;
         listed = std::find(record.subtypeIds.begin(), record.subtypeIds.end(), match.assetId) != record.subtypeIds.end();

@@ -16,7 +16,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "asset/core/assetrepository.h"
@@ -38,7 +37,7 @@ public:
 
   // Whether net.kelvo.asset.keywords (the keyword array shared by the repository, without the
   // user's own) lists id. Needs the KEYWORDS value read.
-  bool ListsRepositoryKeyword(const Id& id) const;
+  bool ListsRepositoryKeyword(const InternedId& id) const;
 
   // Which values are read (bits of `read`). A value whose read failed stays unread, so that the
   // next evaluation that needs it meets the same error.
@@ -52,27 +51,27 @@ public:
     SIZE = 64,
   };
 
+  // What most filters test comes first, so that a walk over records touches little memory.
   AssetDescription asset;
-  Id typeId;
+  std::uint32_t read = 0;
   bool isCategory = false;
   bool isCommand = false;
-  std::uint32_t read = 0;
+  // One bit per id of repositoryKeywords (its hash modulo 64): an id whose bit is clear is not
+  // listed, so that most tests read nothing beyond this.
+  std::uint64_t repositoryKeywordBits = 0;
+  std::int64_t size = 0;   // byte size of the content
+  LanguageRef language;    // the language of name, fallback name and tags
+  std::string upperName;   // translated name, upper case
+  Id typeId;
+  Id subtype;              // net.kelvo.asset.subtype when stored as one Id, else empty
+  std::vector<Id> subtypeIds; // every Id that net.kelvo.asset.subtype lists
 
-  LanguageRef language;          // the language of name, fallback name and tags
-  std::string upperName;         // translated name, upper case
   std::string upperFallbackName; // name in the fallback language, upper case; empty when none
   std::string tags;              // the tag string of the asset
-
-  std::vector<Id> keywordIds; // both keyword arrays, user keywords first, each once
-  // net.kelvo.asset.keywords alone, with the hash of each id, sorted by hash.
-  std::vector<std::pair<std::size_t, Id>> repositoryKeywords;
+  std::vector<Id> keywordIds;    // both keyword arrays, user keywords first, each once
+  // net.kelvo.asset.keywords alone, interned: comparing two is comparing two pointers.
+  std::vector<InternedId> repositoryKeywords;
   std::vector<std::string> keywordNames; // the names searched, one per keyword id
-
-  // net.kelvo.asset.subtype: the stored Id (empty when none or an array), and every Id it lists.
-  Id subtype;
-  std::vector<Id> subtypeIds;
-
-  std::int64_t size = 0; // byte size of the content
 };
 
 } // namespace kelvo

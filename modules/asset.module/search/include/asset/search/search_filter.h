@@ -35,6 +35,7 @@ struct SearchTerm {
 struct IndirectMatch {
   Id assetType;
   Id assetId;
+  InternedId internedAssetId; // assetId, for the keyword test of FilterRecord
   InternedId metaKey; // net.kelvo.asset.keywords or net.kelvo.asset.subtype
   bool isKeyword = false;
   std::vector<const SearchTerm*> matchedTerms; // terms of the filter, each once
