@@ -34,14 +34,17 @@ std::string IdUpper(const Id& id) { return ToUpperText(id.View()); }
 Result<void> ReadKeywordIds(EvaluationState& state) {
   FilterRecord& record = state.record;
   if (record.read & FilterRecord::KEYWORDS) return {};
-  KELVO_ASSIGN_OR_RETURN(std::vector<Id> all, GetAssetKeywords(state.asset));
+  // Each array is read once: user keywords first, then the shared ones not among them.
+  KELVO_ASSIGN_OR_RETURN(std::optional<DataArray> user, ReadMeta<DataArray>(state.asset, keywordids::userkeywords));
   KELVO_ASSIGN_OR_RETURN(std::optional<DataArray> shared, ReadMeta<DataArray>(state.asset, keywordids::keywords));
+  std::vector<Id> all = IdsOf(user);
   record.repositoryKeywords.clear();
   record.repositoryKeywordBits = 0;
-  for (const Id& id : IdsOf(shared)) {
+  for (Id& id : IdsOf(shared)) {
     const InternedId interned(id);
     record.repositoryKeywordBits |= std::uint64_t(1) << (interned.GetHashCode() % 64);
     record.repositoryKeywords.push_back(interned);
+    if (std::find(all.begin(), all.end(), id) == all.end()) all.push_back(std::move(id));
   }
   record.keywordIds = std::move(all);
   record.read |= FilterRecord::KEYWORDS;

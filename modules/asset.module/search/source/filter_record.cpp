@@ -24,6 +24,7 @@ void FilterRecord::Reset(AssetDescription description) {
   subtype = Id();
   subtypeIds.clear();
   size = 0;
+  sizeText.clear();
 }
 
 bool FilterRecord::ListsRepositoryKeyword(const InternedId& id) const {

@@ -358,6 +358,15 @@ Result<void> EvaluateMetadataTerm(const SearchTerm& term, FILTERKEY key, Evaluat
     }
     if (!Holds(FormOf(key), v, candidate)) continue;
     const bool shown = FormOf(key) != FORM::BOOLEAN && FormOf(key) != FORM::TEXT;
+    if (key == FILTERKEY::SIZE) {
+      // The byte size text is made once per record.
+      FilterRecord& record = state.record;
+      if (!(record.read & FilterRecord::SIZE_TEXT)) {
+        record.sizeText = FormatByteSize(record.size);
+        record.read |= FilterRecord::SIZE_TEXT;
+      }
+      return MarkTerm(term, v, record.sizeText, state);
+    }
     return MarkTerm(term, v, shown ? candidate.Display() : std::string_view(), state);
   }
   return {};

@@ -49,6 +49,7 @@ public:
     KEYWORD_NAMES = 16,
     SUBTYPE = 32,
     SIZE = 64,
+    SIZE_TEXT = 128,
   };
 
   // What most filters test comes first, so that a walk over records touches little memory.
@@ -72,6 +73,7 @@ public:
   // net.kelvo.asset.keywords alone, interned: comparing two is comparing two pointers.
   std::vector<InternedId> repositoryKeywords;
   std::vector<std::string> keywordNames; // the names searched, one per keyword id
+  std::string sizeText;                  // size as the reason shows it
 };
 
 } // namespace kelvo
