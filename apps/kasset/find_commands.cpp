@@ -4,7 +4,9 @@
 #include "find_commands.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <iostream>
+#include <string_view>
 
 #include "asset/search/control_tokens.h"
 #include "asset/storage/database_asset.h"
@@ -72,6 +74,39 @@ void PrintRows(const CommandLine& line, const std::vector<Row>& rows, const std:
     table.AddRow(std::move(cells));
   }
   std::cout << table.Format();
+}
+
+// The first eight bytes of text as a big-endian number, zeros past its end: two texts whose
+// numbers differ compare as their numbers do.
+std::uint64_t PrefixNumber(std::string_view text) {
+  std::uint64_t n = 0;
+  for (std::size_t i = 0; i < 8; ++i) n = n << 8 | (i < text.size() ? static_cast<unsigned char>(text[i]) : 0u);
+  return n;
+}
+
+// The positions of rows by name, then Id, then version key (versions of one Id by key alone).
+// Positions are sorted with a name prefix and an Id hash beside them, so that most comparisons
+// read neither row: a sort of 100,000 rows makes some 1.7 million of them.
+std::vector<std::size_t> SortedOrder(const std::vector<Row>& rows) {
+  struct Key {
+    std::uint64_t namePrefix;
+    std::size_t idHash;
+    std::size_t row;
+  };
+  std::vector<Key> keys(rows.size());
+  for (std::size_t i = 0; i < rows.size(); ++i) keys[i] = Key{PrefixNumber(rows[i].name), rows[i].id.GetHashCode(), i};
+  std::stable_sort(keys.begin(), keys.end(), [&rows](const Key& a, const Key& b) {
+    const Row& ra = rows[a.row];
+    const Row& rb = rows[b.row];
+    if (a.idHash != b.idHash || ra.id.View() != rb.id.View()) {
+      if (a.namePrefix != b.namePrefix) return a.namePrefix < b.namePrefix;
+      return ra.name != rb.name ? ra.name < rb.name : ra.id.View() < rb.id.View();
+    }
+    return ra.key < rb.key;
+  });
+  std::vector<std::size_t> order(keys.size());
+  for (std::size_t i = 0; i < keys.size(); ++i) order[i] = keys[i].row;
+  return order;
 }
 
 } // namespace
@@ -146,16 +181,7 @@ int RunFindCommand(const CommandLine& line, Session& session) {
   });
   if (r.HasError()) return Fail(EXIT_FAILED, r.GetError().ToString());
   if (failures > 0) Note(std::to_string(failures) + " asset(s) left out, they could not be read: " + firstFailure);
-  // Positions are sorted, not rows: a move is then one number instead of three strings.
-  std::vector<std::size_t> order(rows.size());
-  for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
-  std::stable_sort(order.begin(), order.end(), [&rows](std::size_t i, std::size_t j) {
-    const Row& a = rows[i];
-    const Row& b = rows[j];
-    const std::string_view aId = a.id.View(), bId = b.id.View();
-    if (aId != bId) return a.name != b.name ? a.name < b.name : aId < bId;
-    return a.key < b.key;
-  });
+  std::vector<std::size_t> order = SortedOrder(rows);
   if (rows.empty()) {
     if (!aid.IsEmpty()) return Fail(EXIT_NOT_FOUND, "no asset matches " + aid.ToString());
     Note(filtered ? "no assets match the filter" : "no assets");
