@@ -2,8 +2,9 @@
 // tool on the same data in the same run:
 //  - one `kasset add` of 20,000 small files vs. `git add -A && git commit` of the same tree
 //    (counter add_per_git; the goal is at most 2);
-//  - `kasset ls --ids` of a repository of 100,000 assets made by `kasset add` vs. `find` over the
-//    same repository tree (counter ls_s; the goal is under one second).
+//  - `kasset ls` (the table) and `kasset ls --ids` of a repository of 100,000 assets made by
+//    `kasset add`, each beside `find DIR -name asset.info | sort` over the same repository tree
+//    (counters ls_s and ids_s, ratios ls_per_find and ids_per_find; the goal is under one second).
 // Data lives under /tmp and is removed at the end. KELVO_BENCH_STORE_FILES and
 // KELVO_BENCH_LIST_ASSETS make the data smaller for a quick run.
 
@@ -156,17 +157,20 @@ void BM_ListAfterAdd(benchmark::State& state) {
     state.SkipWithError("kasset add failed");
     return;
   }
-  Times lsTotal, findTotal;
+  Times lsTotal, idsTotal, findTotal;
   int runs = 0;
+  const std::string anchor = "find '" + repo.string() + "' -name asset.info | sort";
   for (auto _ : state) {
-    const Times ls = Run(Work(), {KASSET_BINARY, "--repo", repo.string(), "ls", "--ids"});
-    const Times find = Run(Work(), {"find", repo.string()});
-    if (ls.Failed() || find.Failed()) {
+    const Times ls = Run(Work(), {KASSET_BINARY, "--repo", repo.string(), "ls"});
+    const Times ids = Run(Work(), {KASSET_BINARY, "--repo", repo.string(), "ls", "--ids"});
+    const Times find = Run(Work(), {"sh", "-c", anchor});
+    if (ls.Failed() || ids.Failed() || find.Failed()) {
       state.SkipWithError("kasset ls or find failed");
       break;
     }
     state.SetIterationTime(ls.wall);
     lsTotal += ls;
+    idsTotal += ids;
     findTotal += find;
     ++runs;
   }
@@ -175,8 +179,15 @@ void BM_ListAfterAdd(benchmark::State& state) {
     state.counters["add_s"] = add.wall;
     state.counters["ls_s"] = lsTotal.wall / runs;
     state.counters["ls_cpu_s"] = lsTotal.cpu / runs;
+    state.counters["ids_s"] = idsTotal.wall / runs;
     state.counters["find_s"] = findTotal.wall / runs;
+    state.counters["find_cpu_s"] = findTotal.cpu / runs;
     state.counters["ls_per_find"] = lsTotal.wall / findTotal.wall;
+    state.counters["ids_per_find"] = idsTotal.wall / findTotal.wall;
+    std::printf("kasset ls of %zu assets: %.3f s (CPU %.3f s), ls --ids %.3f s; %s: %.3f s (CPU %.3f s); "
+                "ratio ls/find %.2f\n",
+                count, lsTotal.wall / runs, lsTotal.cpu / runs, idsTotal.wall / runs, "find -name asset.info | sort",
+                findTotal.wall / runs, findTotal.cpu / runs, lsTotal.wall / findTotal.wall);
   }
   fs::remove_all(repo);
 }

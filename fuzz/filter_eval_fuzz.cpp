@@ -120,15 +120,21 @@ Fixture MakeFixture() {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static Fixture fixture = MakeFixture();
+  // Records kept across every input, as a browser keeps them across filters: each must answer
+  // as a fresh evaluation does.
+  static std::vector<kelvo::FilterRecord> records(fixture.assets.begin(), fixture.assets.end());
   std::string text(reinterpret_cast<const char*>(data), size);
   Check(kelvo::ReadControlTokens(text, kelvo::ASSETGROUPBY::TYPE).HasValue());
   kelvo::SearchFilter filter(size % 2 ? kelvo::LENGTHUNITSYSTEM::IMPERIAL : kelvo::LENGTHUNITSYSTEM::METRIC);
   Check(filter.Parse(fixture.repository, text).HasValue());
   kelvo::TypeNameCache cache;
-  for (const kelvo::AssetDescription& asset : fixture.assets) {
-    std::string reason;
+  for (std::size_t i = 0; i < fixture.assets.size(); ++i) {
+    const kelvo::AssetDescription& asset = fixture.assets[i];
+    std::string reason, keptReason;
     kelvo::Result<bool> rejected = filter.Evaluate(asset, reason, cache);
     Check(rejected.HasValue());
+    kelvo::Result<bool> kept = filter.Evaluate(records[i], keptReason, cache);
+    Check(kept.HasValue() && *kept == *rejected && keptReason == reason);
     if (filter.GetTerms().empty()) Check(*rejected);
     if (!*rejected && asset->GetTypeId() == kelvo::CategoryAssetInterface::TypeId())
       filter.AddMatchedCategory(asset->GetIdAndVersion().first);

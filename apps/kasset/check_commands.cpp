@@ -64,6 +64,7 @@ int RunCheckCommand(const CommandLine& line, Session& session) { return CmdCheck
 struct IndexUpkeep::State {
   AssetRepositoryRef repository;
   std::atomic<bool> changed{false};
+  std::atomic<bool> sawChanges{false};
   std::uint64_t tokens[4] = {0, 0, 0, 0};
 };
 
@@ -73,7 +74,7 @@ IndexUpkeep::IndexUpkeep(const AssetRepositoryRef& repository) : _state(std::mak
   std::weak_ptr<State> weak = _state;
   auto mark = [weak](const AssetDescription& d) {
     auto state = weak.lock();
-    if (state && d && d->GetRepository() == state->repository) state->changed = true;
+    if (state && d && d->GetRepository() == state->repository) state->changed = state->sawChanges = true;
   };
   _state->tokens[0] = repository->ObservableAssetStored(true)->AddObserver(mark);
   _state->tokens[1] = repository->ObservableAssetErased(true)->AddObserver(mark);
@@ -90,6 +91,8 @@ IndexUpkeep::~IndexUpkeep() {
   r->ObservableAssetUpdated(true)->RemoveObserver(_state->tokens[2]);
   r->ObservableMetaDataStored(true)->RemoveObserver(_state->tokens[3]);
 }
+
+bool IndexUpkeep::SawChanges() const { return _state->sawChanges; }
 
 void IndexUpkeep::Finish() {
   if (!_state->changed || !_state->repository->IsWritable()) return;

@@ -25,6 +25,8 @@ public:
   IndexUpkeep(const IndexUpkeep&) = delete;
   IndexUpkeep& operator=(const IndexUpkeep&) = delete;
   void Finish();
+  // Whether the repository changed while this upkeep watched it (also after Finish).
+  bool SawChanges() const;
 
 private:
   struct State;

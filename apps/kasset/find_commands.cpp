@@ -4,7 +4,9 @@
 #include "find_commands.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <iostream>
+#include <string_view>
 
 #include "asset/search/control_tokens.h"
 #include "asset/storage/database_asset.h"
@@ -18,10 +20,14 @@ using namespace kelvo;
 namespace {
 
 
+// One listed version, with what the sort compares read once: comparing descriptions directly
+// costs virtual calls and reference count updates in each of the n log n comparisons.
 struct Row {
   std::string name;
   AssetDescription asset;
   std::string reason;
+  Id id;
+  VersionKey key;
 };
 
 // "file" -> net.kelvo.assettype.file; a dotted Id stays as it is.
@@ -40,27 +46,67 @@ std::string FilterText(const CommandLine& line) {
   return text;
 }
 
-void PrintRows(const CommandLine& line, const std::vector<Row>& rows, bool why) {
+// rows in the given order.
+void PrintRows(const CommandLine& line, const std::vector<Row>& rows, const std::vector<std::size_t>& order, bool why) {
   if (line.Has("ids")) {
-    Id last;
-    for (const Row& row : rows) {
-      if (row.asset->GetIdAndVersion().first == last) continue;
-      last = row.asset->GetIdAndVersion().first;
-      std::cout << last.ToString() << (why ? "\t" + row.reason : std::string()) << "\n";
+    std::string out;
+    std::string_view last;
+    for (std::size_t at : order) {
+      const Row& row = rows[at];
+      if (row.id.View() == last && !last.empty()) continue;
+      last = row.id.View();
+      out.append(last);
+      if (why) out.append("\t").append(row.reason);
+      out += '\n';
     }
+    std::cout << out;
     return;
   }
   Table table;
   std::vector<std::string> head{"ID", "VERSION", "DATE", "NAME"};
   if (why) head.push_back("WHY");
   table.AddRow(head);
-  for (const Row& row : rows) {
-    std::vector<std::string> cells{row.asset->GetIdAndVersion().first.ToString(), ShortVersion(row.asset),
+  for (std::size_t at : order) {
+    const Row& row = rows[at];
+    std::vector<std::string> cells{row.id.ToString(), ShortVersion(row.asset),
                                    DateOf(row.asset), row.name};
     if (why) cells.push_back(row.reason.empty() ? "-" : row.reason);
     table.AddRow(std::move(cells));
   }
   std::cout << table.Format();
+}
+
+// The first eight bytes of text as a big-endian number, zeros past its end: two texts whose
+// numbers differ compare as their numbers do.
+std::uint64_t PrefixNumber(std::string_view text) {
+  std::uint64_t n = 0;
+  for (std::size_t i = 0; i < 8; ++i) n = n << 8 | (i < text.size() ? static_cast<unsigned char>(text[i]) : 0u);
+  return n;
+}
+
+// The positions of rows by name, then Id, then version key (versions of one Id by key alone).
+// Positions are sorted with a name prefix and an Id hash beside them, so that most comparisons
+// read neither row: a sort of 100,000 rows makes some 1.7 million of them.
+std::vector<std::size_t> SortedOrder(const std::vector<Row>& rows) {
+  struct Key {
+    std::uint64_t namePrefix;
+    std::size_t idHash;
+    std::size_t row;
+  };
+  std::vector<Key> keys(rows.size());
+  for (std::size_t i = 0; i < rows.size(); ++i) keys[i] = Key{PrefixNumber(rows[i].name), rows[i].id.GetHashCode(), i};
+  std::stable_sort(keys.begin(), keys.end(), [&rows](const Key& a, const Key& b) {
+    const Row& ra = rows[a.row];
+    const Row& rb = rows[b.row];
+    if (a.idHash != b.idHash || ra.id.View() != rb.id.View()) {
+      if (a.namePrefix != b.namePrefix) return a.namePrefix < b.namePrefix;
+      return ra.name != rb.name ? ra.name < rb.name : ra.id.View() < rb.id.View();
+    }
+    return ra.key < rb.key;
+  });
+  std::vector<std::size_t> order(keys.size());
+  for (std::size_t i = 0; i < keys.size(); ++i) order[i] = keys[i].row;
+  return order;
 }
 
 } // namespace
@@ -123,7 +169,7 @@ int RunFindCommand(const CommandLine& line, Session& session) {
   std::string firstFailure;
   auto r = session.repository->FindAssets(types, aid, Id(), mode, [&](const AssetDescription& d) -> Result<bool> {
     if (!showInternal && d->GetTypeId() == g_databaseAssetTypeId) return true;
-    Row row{NameOf(d), d, std::string()};
+    Row row{NameOf(d), d, std::string(), d->GetIdAndVersion().first, d->GetKey()};
     if (filtered) {
       // An asset that can't be evaluated is left out and the search goes on, as in a browser.
       Result<bool> rejected = filter.Evaluate(d, row.reason, cache);
@@ -135,18 +181,13 @@ int RunFindCommand(const CommandLine& line, Session& session) {
   });
   if (r.HasError()) return Fail(EXIT_FAILED, r.GetError().ToString());
   if (failures > 0) Note(std::to_string(failures) + " asset(s) left out, they could not be read: " + firstFailure);
-  std::stable_sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
-    const Id& aId = a.asset->GetIdAndVersion().first;
-    const Id& bId = b.asset->GetIdAndVersion().first;
-    if (aId != bId) return a.name != b.name ? a.name < b.name : aId < bId;
-    return a.asset->GetKey() < b.asset->GetKey();
-  });
+  std::vector<std::size_t> order = SortedOrder(rows);
   if (rows.empty()) {
     if (!aid.IsEmpty()) return Fail(EXIT_NOT_FOUND, "no asset matches " + aid.ToString());
     Note(filtered ? "no assets match the filter" : "no assets");
     return EXIT_OK;
   }
-  PrintRows(line, rows, why);
+  PrintRows(line, rows, order, why);
   return EXIT_OK;
 }
 

@@ -12,6 +12,8 @@
 #include "asset/databases/asset_databases.h"
 #include "asset/standard/assets.h"
 #include "commands.h"
+#include "find_commands.h"
+#include "asset/storage/compactableassetrepository.h"
 #include "kelvo/application.h"
 #include "kelvo/log.h"
 #include "output.h"
@@ -34,6 +36,20 @@ void ApplyDirectories(const CommandLine& line) {
     kelvo::Application::SetUrl(APPLICATION_URLTYPE::GLOBALPREFS_DIR, kelvo::Url::FromFile(AbsolutePath(*dir)));
   if (auto dir = line.Get("library"))
     kelvo::Application::SetUrl(APPLICATION_URLTYPE::LIBRARY_DIR, kelvo::Url::FromFile(AbsolutePath(*dir)));
+}
+
+// A listing that changed nothing leaves its repository graph alive to the end of the process:
+// freeing 100,000 assets piece by piece takes about a sixth of an `ls`. Not while index work is
+// pending or running, since a repository that is never destroyed never waits for its jobs. The
+// holder is reachable, so leak checkers do not count it.
+void KeepUntilExit(const kelvo::AssetRepositoryRef& repository) {
+  if (!repository) return;
+  if (auto compactable = std::dynamic_pointer_cast<kelvo::CompactableAssetRepositoryInterface>(repository)) {
+    const kelvo::REPOSITORYINDEXSTATE state = compactable->GetIndexState();
+    if (state == kelvo::REPOSITORYINDEXSTATE::PENDING || state == kelvo::REPOSITORYINDEXSTATE::RUNNING) return;
+  }
+  static auto* const kept = new std::vector<kelvo::AssetRepositoryRef>();
+  kept->push_back(repository);
 }
 
 int Run(const std::vector<std::string>& argv) {
@@ -79,6 +95,7 @@ int Run(const std::vector<std::string>& argv) {
       IndexUpkeep upkeep(session.repository);
       code = RunCommand(line, session);
       upkeep.Finish();
+      if (IsFindCommand(line.command) && !upkeep.SawChanges()) KeepUntilExit(session.repository);
     }
   }
   kelvo::EndAssetModule();

@@ -34,19 +34,21 @@ void Note(const std::string& message) { std::cerr << "kasset: " << OneLine(messa
 
 std::string Table::Format() const {
   std::vector<std::size_t> widths;
-  for (const auto& row : _rows) {
-    if (widths.size() < row.size()) widths.resize(row.size(), 0);
-    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+  std::size_t total = 0;
+  for (std::size_t r = 0, begin = 0; r < _rowEnds.size(); begin = _rowEnds[r++]) {
+    if (widths.size() < _rowEnds[r] - begin) widths.resize(_rowEnds[r] - begin, 0);
+    for (std::size_t i = begin; i < _rowEnds[r]; ++i) widths[i - begin] = std::max(widths[i - begin], _cells[i].size());
   }
+  for (std::size_t w : widths) total += w + 2;
   std::string out;
-  for (const auto& row : _rows) {
-    std::string line;
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      line += row[i];
-      if (i + 1 < row.size()) line += std::string(widths[i] - row[i].size() + 2, ' ');
+  out.reserve(total * _rowEnds.size());
+  for (std::size_t r = 0, begin = 0; r < _rowEnds.size(); begin = _rowEnds[r++]) {
+    for (std::size_t i = begin; i < _rowEnds[r]; ++i) {
+      out += _cells[i];
+      if (i + 1 < _rowEnds[r]) out.append(widths[i - begin] - _cells[i].size() + 2, ' ');
     }
-    while (!line.empty() && line.back() == ' ') line.pop_back();
-    out += line + "\n";
+    while (!out.empty() && out.back() == ' ') out.pop_back();
+    out += '\n';
   }
   return out;
 }

@@ -25,12 +25,18 @@ void Note(const std::string& message);
 // padded.
 class Table {
 public:
-  void AddRow(std::vector<std::string> row) { _rows.push_back(std::move(row)); }
-  bool IsEmpty() const { return _rows.empty(); }
+  void AddRow(std::vector<std::string> row) {
+    for (std::string& cell : row) _cells.push_back(std::move(cell));
+    _rowEnds.push_back(_cells.size());
+  }
+  bool IsEmpty() const { return _rowEnds.empty(); }
   std::string Format() const;
 
 private:
-  std::vector<std::vector<std::string>> _rows;
+  // The cells of all rows one after the other, and where each row ends: one allocation per cell
+  // at most, which keeps tables of 100,000 rows cheap.
+  std::vector<std::string> _cells;
+  std::vector<std::size_t> _rowEnds;
 };
 
 // A one-line progress bar on stderr, drawn only when stderr is a terminal and the work is big

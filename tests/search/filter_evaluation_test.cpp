@@ -191,6 +191,47 @@ TEST_F(FilterEvaluationTest, IndirectMatchesRecordTheKeywordsAndSubtypesThatHeld
   EXPECT_EQ(indirect("KEYWORD:=0"), Found{});
 }
 
+TEST_F(FilterEvaluationTest, RecordsKeptAcrossFiltersGiveTheSameAnswersAsFreshOnes) {
+  Generate();
+  std::vector<std::string> filters{"oak",         "beam",         "wood NAME:oak", "hardwood",     "TYPE:png",
+                                   "KEYWORD:=0",  "SIZE:>2M",     "steel beams",   "NAME:oak steel beams",
+                                   "tree",        "FAVORITE:no",  "lumber|zzz",    "KEYWORDID:kw.mine"};
+  // More value strings than fit the inline bits of an evaluation; the one that holds comes last.
+  std::string many;
+  for (int i = 0; i < 200; ++i) many += "x" + std::to_string(i) + "|";
+  filters.push_back(many + "pine");
+  std::vector<FilterRecord> records;
+  for (const char* aid : {"oak", "pine", "rock", "cat.trees", "cmd.extrude"}) {
+    auto found = _main->FindLatestAsset(Id(), Id(aid), Id(), LATEST);
+    ASSERT_TRUE(found.HasValue() && *found) << aid;
+    records.emplace_back(*found);
+  }
+  TypeNameCache cache;
+  for (const std::string& text : filters) {
+    SearchFilter filter;
+    ASSERT_TRUE(filter.Parse(_main, text).HasValue());
+    std::map<std::string, std::string> kept;
+    for (FilterRecord& record : records) {
+      std::string reason;
+      auto rejected = filter.Evaluate(record, reason, cache);
+      ASSERT_TRUE(rejected.HasValue()) << text;
+      if (!*rejected) kept[record.GetAsset()->GetIdAndVersion().first.ToString()] = reason;
+    }
+    EXPECT_EQ(kept, Passing(text)) << "filter: " << text;
+  }
+  EXPECT_EQ(Passing(many + "pine"), (std::map<std::string, std::string>{{"pine", ""}}));
+
+  // A record keeps what it read until it is reset.
+  FilterRecord& pine = records[1];
+  ASSERT_TRUE(pine.GetAsset()->StoreMetaString(stringkeys::name, "Larch", nullptr).HasValue());
+  SearchFilter larch;
+  ASSERT_TRUE(larch.Parse(_main, "larch").HasValue());
+  std::string reason;
+  EXPECT_TRUE(larch.Evaluate(pine, reason, cache).GetValue());
+  pine.Reset();
+  EXPECT_FALSE(larch.Evaluate(pine, reason, cache).GetValue());
+}
+
 TEST_F(FilterEvaluationTest, TagStringsAreKeptAsDerivedDataPerLanguage) {
   Generate();
   auto oak = _main->FindLatestAsset(Id(), Id("oak"), Id(), LATEST);

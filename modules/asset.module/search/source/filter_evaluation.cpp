@@ -31,23 +31,51 @@ std::string IdUpper(const Id& id) { return ToUpperText(id.View()); }
 
 } // namespace
 
-Result<EntryTexts*> ReadKeywordIds(EvaluationState& state) {
-  EntryTexts& texts = state.Texts();
-  if (!texts.keywordsRead) {
-    KELVO_ASSIGN_OR_RETURN(texts.keywordIds, GetAssetKeywords(state.asset));
-    KELVO_ASSIGN_OR_RETURN(std::optional<DataArray> shared, ReadMeta<DataArray>(state.asset, keywordids::keywords));
-    texts.repositoryKeywordIds = IdsOf(shared);
-    texts.keywordsRead = true;
+Result<void> ReadKeywordIds(EvaluationState& state) {
+  FilterRecord& record = state.record;
+  if (record.read & FilterRecord::KEYWORDS) return {};
+  // Each array is read once: user keywords first, then the shared ones not among them.
+  KELVO_ASSIGN_OR_RETURN(std::optional<DataArray> user, ReadMeta<DataArray>(state.asset, keywordids::userkeywords));
+  KELVO_ASSIGN_OR_RETURN(std::optional<DataArray> shared, ReadMeta<DataArray>(state.asset, keywordids::keywords));
+  std::vector<Id> all = IdsOf(user);
+  record.repositoryKeywords.clear();
+  record.repositoryKeywordBits = 0;
+  for (Id& id : IdsOf(shared)) {
+    const InternedId interned(id);
+    record.repositoryKeywordBits |= std::uint64_t(1) << (interned.GetHashCode() % 64);
+    record.repositoryKeywords.push_back(interned);
+    if (std::find(all.begin(), all.end(), id) == all.end()) all.push_back(std::move(id));
   }
-  return &texts;
+  record.keywordIds = std::move(all);
+  record.read |= FilterRecord::KEYWORDS;
+  return {};
+}
+
+Result<void> ReadSubtype(EvaluationState& state) {
+  FilterRecord& record = state.record;
+  if (record.read & FilterRecord::SUBTYPE) return {};
+  KELVO_ASSIGN_OR_RETURN(std::optional<Data> value, state.asset->GetMetaData()->Get(metaids::subtype));
+  record.subtype = Id();
+  record.subtypeIds.clear();
+  if (value) {
+    if (const Id* id = value->GetPtr<Id>()) {
+      record.subtype = *id;
+      record.subtypeIds.push_back(*id);
+    } else if (const DataArray* ids = value->GetPtr<DataArray>()) {
+      for (const Data& entry : *ids)
+        if (const Id* id = entry.GetPtr<Id>()) record.subtypeIds.push_back(*id);
+    }
+  }
+  record.read |= FilterRecord::SUBTYPE;
+  return {};
 }
 
 namespace {
 
 // The keyword ids of the asset: both arrays as one set, user keywords first.
 Result<const std::vector<Id>*> KeywordIds(EvaluationState& state) {
-  KELVO_ASSIGN_OR_RETURN(EntryTexts* texts, ReadKeywordIds(state));
-  return &texts->keywordIds;
+  KELVO_RETURN_ON_ERROR(ReadKeywordIds(state));
+  return &state.record.keywordIds;
 }
 
 // The repositories that hold a version of the asset, found once per evaluation.
@@ -81,18 +109,18 @@ bool IsInSet(FILTERKEY key, std::uint32_t metaIdSet) {
 }
 
 Result<void> TypeStage(const SearchTerm& term, bool preMatching, EvaluationState& state) {
-  const AssetDescription& asset = state.asset;
-  const Id typeId = asset->GetTypeId();
+  const Id& typeId = state.record.typeId;
   if (preMatching) {
     if (typeId != SubTypeAssetInterface::TypeId()) return {};
-    const std::string id = IdUpper(asset->GetIdAndVersion().first);
+    const std::string id = IdUpper(state.asset->GetIdAndVersion().first);
     for (const std::string& v : term.values)
       if (id.find(v) != std::string::npos) return MarkTerm(term, v, {}, state);
     return {};
   }
-  KELVO_ASSIGN_OR_RETURN(std::optional<Id> subtype, ReadMeta<Id>(asset, metaids::subtype));
+  KELVO_RETURN_ON_ERROR(ReadSubtype(state));
+  const Id& subtype = state.record.subtype;
   for (const std::string& v : term.values) {
-    if (ContainsText(typeId.View(), v) || (subtype && ContainsText(subtype->View(), v)) ||
+    if (ContainsText(typeId.View(), v) || (!subtype.IsEmpty() && ContainsText(subtype.View(), v)) ||
         (v == "NODE_OM" && typeId == displayids::nodetemplate))
       return MarkTerm(term, v, {}, state);
   }
@@ -168,17 +196,18 @@ Result<void> KeywordsStage(const SearchTerm& term, FILTERKEY key, bool preMatchi
   // and so pass every asset tagged with it: counts are only taken of the evaluated asset.
   const bool counts = !preMatching && std::any_of(term.values.begin(), term.values.end(), IsCountForm);
   if (ids->empty() && !counts) return {};
-  EntryTexts& texts = state.Texts();
-  if (!texts.keywordNamesRead) {
-    texts.keywordNames.clear();
+  FilterRecord& record = state.record;
+  if (!(record.read & FilterRecord::KEYWORD_NAMES)) {
+    std::vector<std::string> names;
     for (const Id& id : *ids) {
       KELVO_ASSIGN_OR_RETURN(std::string_view name,
                              DisplayName(state, IdAndVersion{id, Id()}, KeywordAssetInterface::TypeId(), true));
-      texts.keywordNames.push_back(name);
+      names.emplace_back(name);
     }
-    texts.keywordNamesRead = true;
+    record.keywordNames = std::move(names);
+    record.read |= FilterRecord::KEYWORD_NAMES;
   }
-  const std::vector<std::string_view>& names = texts.keywordNames;
+  const std::vector<std::string>& names = record.keywordNames;
   return MarkFirst(term, state, [&](const std::string& v) -> Result<std::optional<std::string>> {
     if (preMatching && IsCountForm(v)) return std::optional<std::string>();
     return CollectionTest(v, names);
@@ -216,7 +245,7 @@ Result<void> DependenciesStage(const SearchTerm& term, FILTERKEY key, Evaluation
 }
 
 Result<void> CategoryIdStage(const SearchTerm& term, EvaluationState& state) {
-  if (state.asset->GetTypeId() == CategoryAssetInterface::TypeId()) return {};
+  if (state.record.isCategory) return {};
   const AssetRepositoryRef repository = state.LookupRepository();
   AssetDescription current = state.asset;
   // Stored parent links may form a cycle; the walk ends at a category met before.
@@ -294,43 +323,57 @@ Result<bool> TagMatch(const SearchTerm& term, const std::string& v, std::string_
     if (winner.empty()) continue;
     const bool displayable = winner.starts_with(kDisplayablePrefix);
     if (displayable) winner.remove_prefix(kDisplayablePrefix.size());
-    state.AddValue(v);
+    state.matchedValues.Insert(state.ValueNumber(term, v));
     if (std::find(state.seenTagGroups.begin(), state.seenTagGroups.end(), group) != state.seenTagGroups.end())
       return true;
-    state.seenTagGroups.emplace_back(group);
+    state.seenTagGroups.push_back(group);
     KELVO_RETURN_ON_ERROR(MarkTerm(term, v, displayable ? winner : std::string_view(), state));
     return true;
   }
   return false;
 }
 
+// The language of the filter, else the current one.
+LanguageRef FilterLanguage(const EvaluationState& state) {
+  if (const LanguageRef& language = state.filter.GetLanguage()) return language;
+  return Language::GetCurrentLanguage();
+}
+
 Result<void> NameAndTagsStage(const SearchTerm& term, const TagStringGetter& tagStringGetter,
                               EvaluationState& state) {
-  const LanguageRef language = Language::GetCurrentLanguage();
-  EntryTexts& texts = state.Texts();
-  if (texts.language != language) {
-    // Name and tags are kept for one language; both are read again after a change.
-    KELVO_ASSIGN_OR_RETURN(texts.name, state.asset->GetMetaString(stringkeys::name, language, std::string()));
-    texts.tags.reset();
-    texts.language = language;
+  FilterRecord& record = state.record;
+  const LanguageRef& filterLanguage = state.filter.GetLanguage();
+  if (!filterLanguage || record.language != filterLanguage || !(record.read & FilterRecord::NAME)) {
+    // Names and tags are kept for one language; all are read again after a change.
+    const LanguageRef language = FilterLanguage(state);
+    if (record.language != language) record.read &= ~(FilterRecord::FALLBACK_NAME | FilterRecord::TAGS);
+    record.language = language;
+    if (!(record.read & FilterRecord::NAME)) {
+      KELVO_ASSIGN_OR_RETURN(std::string name, state.asset->GetMetaString(stringkeys::name, language, std::string()));
+      record.upperName = ToUpperText(name);
+      record.read |= FilterRecord::NAME;
+    }
   }
   for (const std::string& v : term.values) {
-    if (ContainsText(texts.name, v)) return MarkTerm(term, v, {}, state);
-    if (!state.fallbackName) {
-      state.fallbackName.emplace();
-      if (const LanguageRef fallback = language->GetFallbackLanguage()) {
-        KELVO_ASSIGN_OR_RETURN(*state.fallbackName, GetStoredName(state.asset, fallback));
+    if (record.upperName.find(v) != std::string::npos) return MarkTerm(term, v, {}, state);
+    if (!(record.read & FilterRecord::FALLBACK_NAME)) {
+      record.upperFallbackName.clear();
+      if (const LanguageRef fallback = record.language->GetFallbackLanguage()) {
+        KELVO_ASSIGN_OR_RETURN(std::string name, GetStoredName(state.asset, fallback));
+        record.upperFallbackName = ToUpperText(name);
       }
+      record.read |= FilterRecord::FALLBACK_NAME;
     }
-    if (!state.fallbackName->empty() && ContainsText(*state.fallbackName, v))
+    if (!record.upperFallbackName.empty() && record.upperFallbackName.find(v) != std::string::npos)
       return MarkTerm(term, v, {}, state);
     if (!tagStringGetter) continue;
-    if (!texts.tags) {
-      KELVO_ASSIGN_OR_RETURN(texts.tags, tagStringGetter());
+    if (!(record.read & FilterRecord::TAGS)) {
+      KELVO_ASSIGN_OR_RETURN(record.tags, tagStringGetter());
+      record.read |= FilterRecord::TAGS;
     }
-    if (texts.tags->empty()) continue;
+    if (record.tags.empty()) continue;
     // One value per term: a later alternative that matched too would count as a second value.
-    KELVO_ASSIGN_OR_RETURN(bool matched, TagMatch(term, v, *texts.tags, state));
+    KELVO_ASSIGN_OR_RETURN(bool matched, TagMatch(term, v, record.tags, state));
     if (matched) return {};
   }
   return {};
@@ -339,7 +382,7 @@ Result<void> NameAndTagsStage(const SearchTerm& term, const TagStringGetter& tag
 // Runs the stages for one term until one satisfies it.
 Result<void> EvaluateTerm(const SearchTerm& term, FILTERKEY key, EvaluationState& state, std::uint32_t metaIdSet,
                           bool preMatching, const TagStringGetter& tagStringGetter) {
-  const bool isCategory = state.asset->GetTypeId() == CategoryAssetInterface::TypeId();
+  const bool isCategory = state.record.isCategory;
   const auto done = [&] { return state.HasTerm(term); };
   if (key == FILTERKEY::TYPE) {
     KELVO_RETURN_ON_ERROR(TypeStage(term, preMatching, state));
@@ -348,7 +391,7 @@ Result<void> EvaluateTerm(const SearchTerm& term, FILTERKEY key, EvaluationState
   if (!preMatching) {
     if (key == FILTERKEY::ANNOTATIONS) {
       KELVO_ASSIGN_OR_RETURN(std::string annotations,
-                             state.asset->GetMetaString(Id(filterids::annotations), Language::GetCurrentLanguage(),
+                             state.asset->GetMetaString(Id(filterids::annotations), FilterLanguage(state),
                                                         std::string()));
       return TextStage(term, annotations, state);
     }
@@ -367,7 +410,7 @@ Result<void> EvaluateTerm(const SearchTerm& term, FILTERKEY key, EvaluationState
     if (!isCategory && IsMetadataTerm(key)) return EvaluateMetadataTerm(term, key, state);
     if (key == FILTERKEY::DATABASETYPE) return DatabaseStage(term, true, state);
     if (key == FILTERKEY::SCOPE) {
-      if (state.asset->GetTypeId() == CommandAssetInterface::TypeId()) return ScopeStage(term, state);
+      if (state.record.isCommand) return ScopeStage(term, state);
       return {};
     }
     if (key == FILTERKEY::DATABASE) return DatabaseStage(term, false, state);
@@ -384,7 +427,10 @@ bool ContainsText(std::string_view candidate, std::string_view upperValue) {
   return ToUpperText(candidate).find(upperValue) != std::string::npos;
 }
 
-std::optional<std::string> CollectionTest(std::string_view value, const std::vector<std::string_view>& candidates) {
+namespace {
+
+template <typename Candidates>
+std::optional<std::string> CollectionTestOf(std::string_view value, const Candidates& candidates) {
   if (value.starts_with('=') || value.starts_with('<') || value.starts_with('>')) {
     const ValueComparison comparison = SplitComparison(value);
     const std::optional<std::int64_t> operand = ParseNumber(comparison.operand);
@@ -397,18 +443,25 @@ std::optional<std::string> CollectionTest(std::string_view value, const std::vec
   return std::nullopt;
 }
 
-bool EvaluationState::HasTerm(const SearchTerm& term) const {
-  return std::any_of(matchedTerms.begin(), matchedTerms.end(),
-                     [&](const SearchTerm* t) { return t == &term || *t == term; });
+} // namespace
+
+std::optional<std::string> CollectionTest(std::string_view value, const std::vector<std::string_view>& candidates) {
+  return CollectionTestOf(value, candidates);
 }
 
-void EvaluationState::AddTerm(const SearchTerm& term) {
-  if (!HasTerm(term)) matchedTerms.push_back(&term);
+std::optional<std::string> CollectionTest(std::string_view value, const std::vector<std::string>& candidates) {
+  return CollectionTestOf(value, candidates);
 }
 
-void EvaluationState::AddValue(std::string_view value) {
-  if (std::find(matchedValues.begin(), matchedValues.end(), value) == matchedValues.end())
-    matchedValues.push_back(value);
+std::uint32_t EvaluationState::TermNumber(const SearchTerm& term) const {
+  const std::vector<SearchTerm>& terms = filter.GetTerms();
+  return filter.GetTermNumber(static_cast<std::size_t>(&term - terms.data()));
+}
+
+std::uint32_t EvaluationState::ValueNumber(const SearchTerm& term, const std::string& value) const {
+  const std::vector<SearchTerm>& terms = filter.GetTerms();
+  const auto termIndex = static_cast<std::size_t>(&term - terms.data());
+  return filter.GetValueNumber(termIndex, static_cast<std::size_t>(&value - term.values.data()));
 }
 
 AssetRepositoryRef EvaluationState::LookupRepository() const {
@@ -416,9 +469,9 @@ AssetRepositoryRef EvaluationState::LookupRepository() const {
   return asset->GetRepository();
 }
 
-Result<void> MarkTerm(const SearchTerm& term, std::string_view value, std::string_view text, EvaluationState& state) {
-  state.AddValue(value);
-  state.AddTerm(term);
+Result<void> MarkTerm(const SearchTerm& term, const std::string& value, std::string_view text, EvaluationState& state) {
+  state.matchedValues.Insert(state.ValueNumber(term, value));
+  state.matchedTerms.Insert(state.TermNumber(term));
   if (!text.empty()) {
     if (!state.reasonText.empty()) state.reasonText += ", ";
     state.reasonText += text;
@@ -434,7 +487,7 @@ Result<void> EvaluateTerms(EvaluationState& state, std::uint32_t metaIdSet, bool
   for (std::size_t i = 0; i < terms.size(); ++i) {
     if (!state.HasTerm(terms[i]))
       KELVO_RETURN_ON_ERROR(EvaluateTerm(terms[i], keys[i], state, metaIdSet, preMatching, tagStringGetter));
-    const std::size_t count = state.matchedValues.size();
+    const std::size_t count = state.matchedValues.Count();
     // The loop ends at the first term that adds nothing.
     if (count == terms.size() || previous + 1 != count) break;
     previous = count;

@@ -137,22 +137,31 @@ Result<Candidate> VersionsCandidate(EvaluationState& state) {
   return c;
 }
 
-// The size of the asset's content: the stored size, else the size of its file.
-Result<Candidate> SizeCandidate(const AssetDescription& asset) {
+// The size of the asset's content: the stored size, else the size of its file. Kept in the
+// asset's record.
+Result<Candidate> SizeCandidate(EvaluationState& state) {
+  FilterRecord& record = state.record;
+  if (!(record.read & FilterRecord::SIZE)) {
+    const AssetDescription& asset = state.asset;
+    std::int64_t size = 0;
+    KELVO_ASSIGN_OR_RETURN(std::optional<Data> stored, asset->GetMetaData()->Get(metaids::size));
+    if (stored) {
+      size = IntegerOf(*stored).value_or(0);
+    } else if (Result<Url> url = asset->GetUrl(); url.HasValue() && url->GetScheme() == "file") {
+      std::error_code error;
+      // symlink_status: a link is not followed out of the repository.
+      const auto status = std::filesystem::symlink_status(url->GetPath(), error);
+      if (!error && std::filesystem::is_regular_file(status)) {
+        const std::uintmax_t bytes = std::filesystem::file_size(url->GetPath(), error);
+        if (!error) size = static_cast<std::int64_t>(std::min<std::uintmax_t>(bytes, INT64_MAX));
+      }
+    }
+    record.size = size;
+    record.read |= FilterRecord::SIZE;
+  }
   Candidate c;
   c.present = true;
-  KELVO_ASSIGN_OR_RETURN(std::optional<Data> stored, asset->GetMetaData()->Get(metaids::size));
-  if (stored) {
-    c.number = IntegerOf(*stored).value_or(0);
-  } else if (Result<Url> url = asset->GetUrl(); url.HasValue() && url->GetScheme() == "file") {
-    std::error_code error;
-    // symlink_status: a link is not followed out of the repository.
-    const auto status = std::filesystem::symlink_status(url->GetPath(), error);
-    if (!error && std::filesystem::is_regular_file(status)) {
-      const std::uintmax_t size = std::filesystem::file_size(url->GetPath(), error);
-      if (!error) c.number = static_cast<std::int64_t>(std::min<std::uintmax_t>(size, INT64_MAX));
-    }
-  }
+  c.number = record.size;
   c.byteSize = true; // the text is made on a match only
   return c;
 }
@@ -184,7 +193,6 @@ FORM FormOf(FILTERKEY key) {
 // The candidate of the row key for the state's asset.
 Result<Candidate> ReadCandidate(FILTERKEY key, const Id& metaId, EvaluationState& state) {
   const AssetDescription& asset = state.asset;
-  const AssetMetaDataRef meta = asset->GetMetaData();
   const auto usage = [&]() -> Result<DataDictionary> {
     KELVO_ASSIGN_OR_RETURN(std::optional<DataDictionary> value, ReadMeta<DataDictionary>(asset, keywordids::usage));
     return value.value_or(DataDictionary());
@@ -230,7 +238,7 @@ Result<Candidate> ReadCandidate(FILTERKEY key, const Id& metaId, EvaluationState
     return FlagCandidate(!repository || !repository->IsWritable());
   }
   case FILTERKEY::FAVORITE: return FlagCandidate(KeywordAssetInterface::IsFavouriteAsset(asset));
-  case FILTERKEY::SIZE: return SizeCandidate(asset);
+  case FILTERKEY::SIZE: return SizeCandidate(state);
   case FILTERKEY::DIMENSIONS: {
     KELVO_ASSIGN_OR_RETURN(Data box, property(metaId));
     return BoxCandidate(box, state.filter.GetLengthUnitSystem());
@@ -350,6 +358,15 @@ Result<void> EvaluateMetadataTerm(const SearchTerm& term, FILTERKEY key, Evaluat
     }
     if (!Holds(FormOf(key), v, candidate)) continue;
     const bool shown = FormOf(key) != FORM::BOOLEAN && FormOf(key) != FORM::TEXT;
+    if (key == FILTERKEY::SIZE) {
+      // The byte size text is made once per record.
+      FilterRecord& record = state.record;
+      if (!(record.read & FilterRecord::SIZE_TEXT)) {
+        record.sizeText = FormatByteSize(record.size);
+        record.read |= FilterRecord::SIZE_TEXT;
+      }
+      return MarkTerm(term, v, record.sizeText, state);
+    }
     return MarkTerm(term, v, shown ? candidate.Display() : std::string_view(), state);
   }
   return {};

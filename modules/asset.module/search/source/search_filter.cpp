@@ -1,6 +1,7 @@
 #include "asset/search/search_filter.h"
 
 #include <algorithm>
+#include <unordered_map>
 
 #include "allocation_guard.h"
 #include "asset/search/display_strings.h"
@@ -64,6 +65,8 @@ Result<void> SearchFilter::Parse(std::string_view text) {
     ForEachPair(upper, [&](std::string_view key, std::string_view value) { AddTerm(key, value, typeTerm); });
     _termKeys.clear();
     for (const SearchTerm& term : _terms) _termKeys.push_back(GetFilterKey(term.metaId));
+    NumberTerms();
+    _language = Language::GetCurrentLanguage();
     return Result<void>();
   });
 }
@@ -122,6 +125,22 @@ Result<void> SearchFilter::Parse(const AssetRepositoryRef& repository, std::stri
   return found;
 }
 
+void SearchFilter::NumberTerms() {
+  std::unordered_map<SearchTerm, std::uint32_t> termNumbers;
+  std::unordered_map<std::string_view, std::uint32_t> valueNumbers;
+  _termNumbers.clear();
+  _valueNumbers.clear();
+  _valueNumberStart.clear();
+  for (const SearchTerm& term : _terms) {
+    _termNumbers.push_back(termNumbers.try_emplace(term, static_cast<std::uint32_t>(termNumbers.size())).first->second);
+    _valueNumberStart.push_back(_valueNumbers.size());
+    for (const std::string& value : term.values)
+      _valueNumbers.push_back(valueNumbers.try_emplace(value, static_cast<std::uint32_t>(valueNumbers.size())).first->second);
+  }
+  _termNumberCount = termNumbers.size();
+  _valueNumberCount = valueNumbers.size();
+}
+
 Result<void> SearchFilter::FindIndirectMatches() {
   const TypeArray types{KeywordAssetInterface::TypeId(), SubTypeAssetInterface::TypeId()};
   TypeNameCache cache;
@@ -129,17 +148,39 @@ Result<void> SearchFilter::FindIndirectMatches() {
                    [&](const AssetDescription& asset) -> Result<bool> {
                      const bool isKeyword = asset->GetTypeId() == KeywordAssetInterface::TypeId();
                      std::string reason;
-                     EvaluationState state(*this, asset, reason, cache);
+                     FilterRecord record(asset);
+                     EvaluationState state(*this, record, reason, cache);
                      KELVO_RETURN_ON_ERROR(
                          EvaluateTerms(state, isKeyword ? METAID_KEYWORDS : METAID_SUBTYPE, true, nullptr));
-                     if (state.matchedValues.empty()) return true;
+                     if (state.matchedValues.Count() == 0) return true;
                      IndirectMatch match;
                      match.assetType = asset->GetTypeId();
                      match.assetId = asset->GetIdAndVersion().first;
+                     if (isKeyword) match.internedAssetId = InternedId(match.assetId);
                      match.metaKey = isKeyword ? keywordids::keywords : InternedId(filterids::subtype);
                      match.isKeyword = isKeyword;
-                     match.matchedTerms = std::move(state.matchedTerms);
-                     match.matchedValues.assign(state.matchedValues.begin(), state.matchedValues.end());
+                     // Terms and values in filter order, each once.
+                     for (std::size_t i = 0; i < _terms.size(); ++i) {
+                       if (state.matchedTerms.Contains(_termNumbers[i]) &&
+                           std::find(match.termNumbers.begin(), match.termNumbers.end(), _termNumbers[i]) ==
+                               match.termNumbers.end()) {
+                         match.termNumbers.push_back(_termNumbers[i]);
+                         match.matchedTerms.push_back(&_terms[i]);
+                       }
+                       for (std::size_t k = 0; k < _terms[i].values.size(); ++k) {
+                         const std::uint32_t n = GetValueNumber(i, k);
+                         if (!state.matchedValues.Contains(n) ||
+                             std::find(match.valueNumbers.begin(), match.valueNumbers.end(), n) != match.valueNumbers.end())
+                           continue;
+                         match.valueNumbers.push_back(n);
+                         match.matchedValues.push_back(_terms[i].values[k]);
+                       }
+                     }
+                     if (isKeyword) {
+                       // The reason an asset gets from the keyword; looked up again per asset if this fails.
+                       Result<TypeName> name = GetAssetTypeName(_repository, match.assetType, match.assetId, Id(), false, &cache);
+                       if (name.HasValue()) match.keywordName = std::move(name->name);
+                     }
                      _indirectMatches.push_back(std::move(match));
                      return true;
                    }));
@@ -148,48 +189,41 @@ Result<void> SearchFilter::FindIndirectMatches() {
 
 Result<bool> SearchFilter::Evaluate(const AssetDescription& asset, std::string& reasonText, TypeNameCache& cache) const {
   if (_terms.empty() || !asset) return true;
-  if (!_matchedCategories.empty() && _matchedCategories.count(asset->GetIdAndVersion().first)) return false;
+  return GuardAllocation([&]() -> Result<bool> { return Evaluate(cache.Entry(asset), reasonText, cache); });
+}
+
+Result<bool> SearchFilter::Evaluate(FilterRecord& record, std::string& reasonText, TypeNameCache& cache) const {
+  if (_terms.empty() || !record.asset) return true;
+  if (!_matchedCategories.empty() && _matchedCategories.count(record.asset->GetIdAndVersion().first)) return false;
   return GuardAllocation([&]() -> Result<bool> {
-    EvaluationState state(*this, asset, reasonText, cache);
-    const AssetMetaDataRef meta = asset->GetMetaData();
-    const std::vector<Id>* repositoryKeywords = nullptr;
+    EvaluationState state(*this, record, reasonText, cache);
     for (const IndirectMatch& match : _indirectMatches) {
       // A value that can't be read only skips this record.
       bool listed = false;
       if (match.isKeyword) {
-        if (!repositoryKeywords) {
-          Result<EntryTexts*> texts = ReadKeywordIds(state);
-          if (texts.HasError()) continue;
-          repositoryKeywords = &(*texts)->repositoryKeywordIds;
-        }
-        listed = std::find(repositoryKeywords->begin(), repositoryKeywords->end(), match.assetId) !=
-                 repositoryKeywords->end();
+        if (ReadKeywordIds(state).HasError()) continue;
+        listed = record.ListsRepositoryKeyword(match.internedAssetId);
       } else {
-        Result<std::optional<Data>> value = meta->Get(match.metaKey);
-        if (value.HasError() || !*value) continue;
-        if (const Id* id = (*value)->GetPtr<Id>()) {
-          listed = *id == match.assetId;
-        } else if (const DataArray* ids = (*value)->GetPtr<DataArray>()) {
-          listed = std::any_of(ids->begin(), ids->end(), [&](const Data& d) {
-            const Id* id = d.GetPtr<Id>();
-            return id && *id == match.assetId;
-          });
-        }
+        if (ReadSubtype(state).HasError()) continue;
+        listed = std::find(record.subtypeIds.begin(), record.subtypeIds.end(), match.assetId) != record.subtypeIds.end();
       }
       if (!listed) continue;
-      if (match.isKeyword) {
+      if (match.keywordName) {
+        reasonText = *match.keywordName;
+      } else if (match.isKeyword) {
         KELVO_ASSIGN_OR_RETURN(TypeName name, GetAssetTypeName(state.LookupRepository(), match.assetType,
                                                                match.assetId, Id(), false, &cache));
         reasonText = name.name;
       }
-      for (const SearchTerm* term : match.matchedTerms) state.AddTerm(*term);
-      for (const std::string& value : match.matchedValues) state.AddValue(value);
+      for (std::uint32_t n : match.termNumbers) state.matchedTerms.Insert(n);
+      for (std::uint32_t n : match.valueNumbers) state.matchedValues.Insert(n);
     }
-    if (state.matchedValues.size() != _terms.size()) {
+    if (state.matchedValues.Count() != _terms.size()) {
+      const AssetDescription& asset = record.asset;
       const TagStringGetter tags = [&asset] { return GetTagStrings(asset); };
       KELVO_RETURN_ON_ERROR(EvaluateTerms(state, METAID_NAME | METAID_KEYWORDS | METAID_USERKEYWORDS, false, tags));
     }
-    return state.matchedValues.size() != _terms.size();
+    return state.matchedValues.Count() != _terms.size();
   });
 }
 

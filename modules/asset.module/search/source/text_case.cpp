@@ -94,8 +94,10 @@ bool StartsWithIgnoringCase(std::string_view text, std::string_view upperPrefix)
 
 std::size_t FindIgnoringCase(std::string_view text, std::string_view upperNeedle, std::size_t from) {
   if (upperNeedle.empty()) return from <= text.size() ? from : std::string_view::npos;
+  // The first byte is compared before the rest: most positions end there.
+  const char first = upperNeedle[0];
   for (std::size_t i = from; i + upperNeedle.size() <= text.size(); ++i)
-    if (StartsWithIgnoringCase(text.substr(i), upperNeedle)) return i;
+    if (AsciiUpper(text[i]) == first && StartsWithIgnoringCase(text.substr(i), upperNeedle)) return i;
   return std::string_view::npos;
 }
 

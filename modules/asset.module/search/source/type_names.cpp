@@ -49,9 +49,9 @@ const TypeName* TypeNameCache::Find(const Key& key) const {
   return it != _names.end() ? &it->second : nullptr;
 }
 
-EntryTexts& TypeNameCache::Entry(const AssetDescription& asset) {
-  EntryTexts& entry = _entries[asset.get()];
-  if (!entry.asset) entry.asset = asset;
+FilterRecord& TypeNameCache::Entry(const AssetDescription& asset) {
+  FilterRecord& entry = _entries[asset.get()];
+  if (!entry.asset) entry.Reset(asset);
   return entry;
 }
 

@@ -6,6 +6,8 @@
 // a time whether it passes, and why.
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -13,6 +15,7 @@
 
 #include "asset/core/assetrepository.h"
 #include "asset/search/filter_keys.h"
+#include "asset/search/filter_record.h"
 #include "asset/search/search_enums.h"
 #include "asset/search/type_names.h"
 #include "kelvo/id.h"
@@ -32,10 +35,16 @@ struct SearchTerm {
 struct IndirectMatch {
   Id assetType;
   Id assetId;
+  InternedId internedAssetId; // assetId, for the keyword test of FilterRecord
   InternedId metaKey; // net.kelvo.asset.keywords or net.kelvo.asset.subtype
   bool isKeyword = false;
   std::vector<const SearchTerm*> matchedTerms; // terms of the filter, each once
   std::vector<std::string> matchedValues;      // value strings, each once
+  // The same as numbers (SearchFilter::GetTermNumber, GetValueNumber), merged per asset.
+  std::vector<std::uint32_t> termNumbers;
+  std::vector<std::uint32_t> valueNumbers;
+  // A keyword's display name as the reason, looked up when the filter was parsed.
+  std::optional<std::string> keywordName;
 };
 
 class SearchFilter {
@@ -57,7 +66,11 @@ public:
   // made it pass (keyword names, tags, counts), pieces joined by ", ". cache belongs to the
   // caller's job and may be reused for the next asset and the next filter. Errors of repository
   // and metadata reads stop the evaluation and are returned. One thread per filter at a time.
+  // The record of asset is kept in cache.
   Result<bool> Evaluate(const AssetDescription& asset, std::string& reasonText, TypeNameCache& cache) const;
+  // The same over a record the caller keeps (filter_record.h): what the record holds is not read
+  // again, whichever filter reads it next.
+  Result<bool> Evaluate(FilterRecord& record, std::string& reasonText, TypeNameCache& cache) const;
 
   // Remembers a category that holds a passing asset: the category itself then passes.
   void AddMatchedCategory(const Id& categoryId) { _matchedCategories.insert(categoryId); }
@@ -67,6 +80,17 @@ public:
   const std::vector<IndirectMatch>& GetIndirectMatches() const { return _indirectMatches; }
   // What each term tests, in term order.
   const std::vector<FILTERKEY>& GetTermKeys() const { return _termKeys; }
+
+  // Evaluation counts terms and value strings by number: equal terms share a number, and so do
+  // equal value strings. Numbers run from 0 below GetTermNumberCount and GetValueNumberCount.
+  std::uint32_t GetTermNumber(std::size_t term) const { return _termNumbers[term]; }
+  std::uint32_t GetValueNumber(std::size_t term, std::size_t value) const {
+    return _valueNumbers[_valueNumberStart[term] + value];
+  }
+  std::size_t GetTermNumberCount() const { return _termNumberCount; }
+  std::size_t GetValueNumberCount() const { return _valueNumberCount; }
+  // The language that names and tags are read in: the current one when the filter was parsed.
+  const LanguageRef& GetLanguage() const { return _language; }
 
   const std::string& GetFilterText() const { return _filterText; }
   const std::vector<SearchTerm>& GetTerms() const { return _terms; }
@@ -82,11 +106,18 @@ public:
 private:
   void AddTerm(std::string_view key, std::string_view value, std::size_t& typeTerm);
   void RewriteTypeValue(std::string& value);
+  void NumberTerms();
   Result<void> FindIndirectMatches();
 
   std::string _filterText;
   std::vector<SearchTerm> _terms;
   std::vector<FILTERKEY> _termKeys;
+  std::vector<std::uint32_t> _termNumbers;
+  std::vector<std::uint32_t> _valueNumbers;     // of every value, term after term
+  std::vector<std::size_t> _valueNumberStart;   // index in _valueNumbers of each term's first value
+  std::size_t _termNumberCount = 0;
+  std::size_t _valueNumberCount = 0;
+  LanguageRef _language;
   AssetRepositoryRef _repository;
   std::vector<IndirectMatch> _indirectMatches;
   std::unordered_set<Id> _matchedCategories;

@@ -11,6 +11,7 @@
 #include <unordered_map>
 
 #include "asset/core/assetrepository.h"
+#include "asset/search/filter_record.h"
 
 namespace kelvo {
 
@@ -23,25 +24,10 @@ struct TypeName {
   friend bool operator==(const TypeName&, const TypeName&) = default;
 };
 
-// What filter evaluation reads of every asset it sees, read once per description: the name in
-// a language, the keyword ids of both arrays, the tag string.
-struct EntryTexts {
-  AssetDescription asset; // keeps the description, whose address is the key
-  LanguageRef language;   // of name and tags
-  std::string name;
-  std::optional<std::string> tags;
-  std::vector<Id> keywordIds;           // both arrays, user keywords first, each once
-  std::vector<Id> repositoryKeywordIds; // net.kelvo.asset.keywords alone
-  bool keywordsRead = false;
-  // The names searched for each keyword id, views into the names of the cache.
-  std::vector<std::string_view> keywordNames;
-  bool keywordNamesRead = false;
-};
-
 // Names of assets found during one walk, by repository, type, asset, version and withParents,
-// and the texts of the assets evaluated. Not synchronised: it belongs to one job. It may be kept
-// across filter changes of a browser as long as the repositories' content does not change; a
-// new filter then reads no metadata again.
+// and the filter records of the assets evaluated through it (by description address). Not
+// synchronised: it belongs to one job. It may be kept across filter changes of a browser as long
+// as the repositories' content does not change; a new filter then reads no metadata again.
 class TypeNameCache {
 public:
   struct Key {
@@ -59,11 +45,11 @@ public:
     _names.clear();
     _entries.clear();
   }
-  // The texts of asset, made on first use (empty, to be filled by the caller).
-  EntryTexts& Entry(const AssetDescription& asset);
+  // The filter record of asset, made on first use (nothing read yet).
+  FilterRecord& Entry(const AssetDescription& asset);
 
 private:
-  std::unordered_map<const void*, EntryTexts> _entries;
+  std::unordered_map<const void*, FilterRecord> _entries;
   struct KeyHash {
     std::size_t operator()(const Key& key) const;
   };
