@@ -122,6 +122,8 @@ private:
   Result<void> RunFilterPipeline(const Data& root, const AssetRepositoryRef& repository, const BuildEntryDelegate& delegate);
   Result<BrowserWalk*> FreshWalk(const AssetRepositoryRef& repository, const JobSettings& settings);
   Result<void> Walk(BrowserWalk& walk, const AssetRepositoryRef& repository);
+  // Whether the settings still ask for the walk's repository, types and databases.
+  bool IsWalkStillWanted(const BrowserWalk& walk);
   void ObserveRepository(const AssetRepositoryRef& repository);
   void StopObserving();
 

@@ -321,17 +321,17 @@ Result<BrowserWalk*> AssetBrowserImpl::FreshWalk(const AssetRepositoryRef& repos
 Result<void> AssetBrowserImpl::Walk(BrowserWalk& walk, const AssetRepositoryRef& repository) {
   // The columns that every row reads, loaded at once where a repository keeps them in batches.
   std::unordered_set<const AssetRepositoryInterface*> visited;
-  for (const InternedId& column : {AssetInterface::GetLanguageMetaDataId(walk.language->GetIdentifier() == ""
-                                                                            ? Id("en-US")
-                                                                            : Id(walk.language->GetIdentifier())),
-                                   metaids::subtype, metaids::category, typenameids::sort}) {
+  const InternedId names = AssetInterface::GetLanguageMetaDataId(Id(walk.language->GetIdentifier()));
+  for (const InternedId& column : {names, metaids::subtype, metaids::category, typenameids::sort}) {
     visited.clear();
     KELVO_RETURN_ON_ERROR(repository->PrivatePrefetchMetaData(column, AssetMetaData::PERSISTENT, LATEST, visited));
   }
   const IdSet& excluded = walk.excluded;
   std::size_t count = 0;
   const auto receiver = [&](const AssetDescription& found) -> Result<bool> {
-    if (++count % kCancelCheckInterval == 0 && IsCurrentJobCancelled()) return OperationCancelledError();
+    // A job cancelled for a new filter text finishes the walk for the job after it, which waits.
+    if (++count % kCancelCheckInterval == 0 && IsCurrentJobCancelled() && !IsWalkStillWanted(walk))
+      return OperationCancelledError();
     AssetDescription asset = found;
     if (!excluded.empty() && excluded.count(asset->GetRepositoryId())) {
       // Listed from another repository that holds it, when one does.
@@ -360,15 +360,28 @@ Result<void> AssetBrowserImpl::Walk(BrowserWalk& walk, const AssetRepositoryRef&
     if (facts.HasValue()) walk.assets.push_back(std::move(*facts));
     return true;
   };
-  const auto visibility = [&excluded](const AssetRepositoryRef& r) -> Result<bool> {
+  const auto visibility = [&](const AssetRepositoryRef& r) -> Result<bool> {
+    if (IsCurrentJobCancelled() && !IsWalkStillWanted(walk)) return OperationCancelledError();
     return !excluded.count(r->GetId());
   };
+  // The walk tests cancellation itself, per repository and per 500 assets, so that it can
+  // outlive a cancellation that only changed the filter text.
   KELVO_RETURN_ON_ERROR(repository->FindAssets(
-      walk.types, Id(), Id(), LATEST | RANDOMIZED_ORDER | CHECK_CANCELLATION | PRIVATE_QUERY_REPOSITORY_VISIBILITY,
-      receiver, visibility));
+      walk.types, Id(), Id(), LATEST | RANDOMIZED_ORDER | PRIVATE_QUERY_REPOSITORY_VISIBILITY, receiver, visibility));
   return {};
 }
 
+
+bool AssetBrowserImpl::IsWalkStillWanted(const BrowserWalk& walk) {
+  std::lock_guard guard(_lock);
+  if (!_updatesEnabled || !_builderDelegate || walk.showUnavailable != _showUnavailable ||
+      walk.excluded != _databaseMasterfilter || walk.types.size() != _assetTypesFilter.size())
+    return false;
+  for (const Id& type : walk.types)
+    if (!_assetTypesFilter.count(type)) return false;
+  const AssetRepositoryRef lookup = _lookupRepository.lock();
+  return !lookup || walk.repository.lock() == lookup;
+}
 
 void AssetBrowserImpl::ObserveRepository(const AssetRepositoryRef& repository) {
   StopObserving();
