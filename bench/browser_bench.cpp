@@ -74,7 +74,7 @@ struct BenchData {
     std::ofstream names(root / "names.txt");
     for (std::size_t r = 0; r < kRepositories; ++r) {
       auto repo = Open(r, true);
-      const Id keyword("kw.bench" + std::to_string(r));
+      const Id keyword("kw.x" + std::to_string(r));
       for (std::size_t i = r; i < count; i += kRepositories) {
         const std::string name = NameOf(i);
         auto stored = repo->StoreAsset(Id("asset" + std::to_string(i)), testing::MakeText(name), NameMeta(name, keyword));
@@ -195,6 +195,7 @@ void BM_BrowserFilterChanges(benchmark::State& state) {
       ++g_results.changes;
       state.counters[std::string("end_ms \"") + typed + "\""] = end * 1e3;
       state.counters[std::string("rows \"") + typed + "\""] = static_cast<double>(rows);
+      state.counters[std::string("blocked_us \"") + typed + "\""] = blocked * 1e6;
     }
     browser->JobRefReset(true);
   }

@@ -60,11 +60,9 @@ void AssetBrowserImpl::Restart(std::unique_lock<SpinLock>& locked) {
 
 void AssetBrowserImpl::FireUpdateTrigger() {
   std::lock_guard guard(_triggerLock);
-  if (_trigger && !_trigger.IsFinished()) {
-    // A trigger that still waits never runs; one that runs is short.
-    _trigger.Cancel();
-    (void)_trigger.Wait();
-  }
+  // A trigger that still waits never runs. One that runs is not waited for: the main thread
+  // queue runs one job at a time, so the new trigger follows it, and the caller never waits.
+  if (_trigger) _trigger.Cancel();
   std::weak_ptr<AssetBrowserInterface> weak = weak_from_this();
   Result<JobRef> queued = _mainQueue->Enqueue([weak]() -> Result<void> {
     if (auto self = std::static_pointer_cast<AssetBrowserImpl>(weak.lock())) self->TriggerFunction();

@@ -28,6 +28,12 @@ struct BrowserWalk {
   bool complete = false;
   std::vector<AssetFacts> assets;
   AssetFactsReader reader;
+  // The assets (indexes into assets) that the last finished filter passed, with its text and
+  // what else decided: a filter that only narrows it, as typing on does, tests these alone.
+  bool passedValid = false;
+  std::vector<std::uint32_t> passed;
+  std::string passedText;
+  std::string passedContext;
 };
 
 // Counts the changes stored in the repositories a walk searched; observers of their channels

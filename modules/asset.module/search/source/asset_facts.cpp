@@ -51,6 +51,7 @@ Result<AssetFacts> AssetFactsReader::Read(const AssetDescription& asset, const A
   AssetFacts facts;
   facts.asset = asset;
   facts.repository = asset->GetRepository();
+  facts.assetId = asset->GetIdAndVersion().first;
   facts.typeId = asset->GetTypeId();
   facts.inWatchFolder = dynamic_cast<const FileWatchAssetRepositoryImpl*>(facts.repository.get()) != nullptr;
   KELVO_ASSIGN_OR_RETURN(std::optional<Id> subtype, ReadMeta<Id>(asset, metaids::subtype));

@@ -8,6 +8,7 @@
 #include "asset/search/display_strings.h"
 #include "asset/search/result_model.h"
 #include "asset/search/search_filter.h"
+#include "asset/search/text_case.h"
 #include "asset/types/category_asset.h"
 #include "asset/types/metadata_asset_type.h"
 #include "asset_browser_impl.h"
@@ -71,7 +72,7 @@ struct AssetFilterContext {
 Result<FILTERASSETRESULT> FilterAsset(const AssetFacts& facts, std::string& reason, AssetFilterContext& context) {
   constexpr FILTERASSETRESULT SKIP = FILTERASSETRESULT::SKIP;
   const Id& type = facts.typeId;
-  const Id& aid = facts.asset->GetIdAndVersion().first;
+  const Id& aid = facts.assetId;
   if (!facts.inWatchFolder && facts.categoryId == factids::uncategorized) {
     if (type == typeids::category) return SKIP;
     if (!context.hasSmart && (type == typeids::keyword || type == typeids::colorcategory ||
@@ -140,6 +141,36 @@ Result<FILTERASSETRESULT> FilterMissingAssets(const AssetFacts& facts, const Ass
   if (!hit) return FILTERASSETRESULT::SKIP;
   KELVO_ASSIGN_OR_RETURN(bool shown, IsNodeHidden(facts.asset, context.graphModel, context.lookupContext));
   return shown ? FILTERASSETRESULT::ADD : FILTERASSETRESULT::SKIP;
+}
+
+std::vector<std::string_view> SplitWords(std::string_view text) {
+  std::vector<std::string_view> words;
+  for (std::size_t i = 0; i < text.size();) {
+    while (i < text.size() && IsFilterSpace(text[i])) ++i;
+    const std::size_t start = i;
+    while (i < text.size() && !IsFilterSpace(text[i])) ++i;
+    if (i > start) words.push_back(text.substr(start, i - start));
+  }
+  return words;
+}
+
+// Whether every asset that filter text next passes also passed previous: both are plain words
+// (no keys, quotes, alternatives or counts), previous has no word twice, and each of its words
+// stands, in place, inside the word of next. Every word is tested by containment, in names,
+// keywords and tags alike, so a longer word passes fewer assets.
+bool IsNarrowing(std::string_view previous, std::string_view next) {
+  const auto plain = [](std::string_view text) { return text.find_first_of(":\"|") == std::string_view::npos; };
+  if (!plain(previous) || !plain(next)) return false;
+  const std::vector<std::string_view> before = SplitWords(previous), after = SplitWords(next);
+  if (after.size() < before.size()) return false;
+  for (std::size_t i = 0; i < after.size(); ++i)
+    if (after[i].find_first_of("=<>") == 0) return false;
+  for (std::size_t i = 0; i < before.size(); ++i) {
+    if (ToUpperText(after[i]).find(ToUpperText(before[i])) == std::string::npos) return false;
+    for (std::size_t j = 0; j < i; ++j)
+      if (ToUpperText(before[j]) == ToUpperText(before[i])) return false;
+  }
+  return true;
 }
 
 } // namespace
@@ -266,18 +297,38 @@ Result<void> AssetBrowserImpl::RunFilterPipeline(const Data& root, const AssetRe
   grouping.today = UniversalDateTime::GetNow();
   GroupingAdder adder(grouping, walk->reader);
 
+  // Everything beside the words that decides which assets pass.
+  const std::string passContext =
+      std::to_string(control.missingAssets) + std::to_string(localNoSmart) + std::to_string(context.hasSmart) +
+      std::to_string(control.showSubContent) + std::to_string(settings.skipCommandAssets) +
+      std::to_string(settings.showHiddenFlaggedCommandAssets) + std::to_string(g_assetBuilderSettings.Get()) +
+      std::to_string(g_showHiddenNodeAssets.Get()) +
+      std::to_string(reinterpret_cast<std::uintptr_t>(settings.graphModel.get())) + "/" +
+      std::to_string(reinterpret_cast<std::uintptr_t>(settings.lookupContext.get()));
+  const bool narrowing = walk->passedValid && !localNoSmart && !control.missingAssets &&
+                         walk->passedContext == passContext && IsNarrowing(walk->passedText, text);
+  std::vector<std::uint32_t> passed;
   std::string reason;
-  std::size_t count = 0;
-  for (AssetFacts& facts : walk->assets) {
-    if (++count % kCancelCheckInterval == 0 && IsCurrentJobCancelled()) return OperationCancelledError();
+  const auto test = [&](std::uint32_t index) {
+    AssetFacts& facts = walk->assets[index];
     reason.clear();
     // An asset that can't be read is left out; the others go on.
     Result<FILTERASSETRESULT> decided = control.missingAssets ? FilterMissingAssets(facts, repository, context)
                                                               : FilterAsset(facts, reason, context);
-    if (decided.HasError() || *decided == FILTERASSETRESULT::SKIP) continue;
+    if (decided.HasError() || *decided == FILTERASSETRESULT::SKIP) return;
+    passed.push_back(index);
     (void)adder.Add(facts, reason).HasValue();
+  };
+  const std::size_t candidates = narrowing ? walk->passed.size() : walk->assets.size();
+  for (std::size_t i = 0; i < candidates; ++i) {
+    if ((i + 1) % kCancelCheckInterval == 0 && IsCurrentJobCancelled()) return OperationCancelledError();
+    test(narrowing ? walk->passed[i] : static_cast<std::uint32_t>(i));
   }
   if (IsCurrentJobCancelled()) return OperationCancelledError();
+  walk->passed = std::move(passed);
+  walk->passedText = text;
+  walk->passedContext = passContext;
+  walk->passedValid = true;
 
   const AssetBrowserRef browser = shared_from_this();
   KELVO_ASSIGN_OR_RETURN(Data listParent,
@@ -304,6 +355,7 @@ Result<BrowserWalk*> AssetBrowserImpl::FreshWalk(const AssetRepositoryRef& repos
     return &walk;
   if (walk.repository.lock() != repository) ObserveRepository(repository);
   walk.complete = false;
+  walk.passedValid = false;
   walk.assets.clear();
   walk.reader.Clear();
   walk.repository = repository;

@@ -199,7 +199,7 @@ Result<void> GroupingAdder::Add(AssetFacts& facts, std::string reasonText) {
   BrowserEntry entry;
   entry.asset = facts.asset;
   entry.repository = facts.repository;
-  entry.id = facts.asset->GetIdAndVersion().first;
+  entry.id = facts.assetId;
   entry.name = facts.name;
   entry.nameKey = facts.nameKey;
   entry.reasonText = std::move(reasonText);

@@ -22,6 +22,7 @@ inline const Id operatorSubtype{"net.kelvo.asset.subtype.node.operator"};
 struct AssetFacts {
   AssetDescription asset;
   AssetRepositoryRef repository;
+  Id assetId;
   Id typeId;
   Id subtypeId;
   // The stored category; for the list the empty id or a category that can't be found counts as
