@@ -28,6 +28,11 @@ struct BrowserWalk {
   bool complete = false;
   std::vector<AssetFacts> assets;
   AssetFactsReader reader;
+  // The latest keyword and subtype assets of every repository searched, which a filter text
+  // matches to find the assets tagged with them; complete only when the walk covered all types
+  // and left no database out.
+  std::vector<AssetDescription> keywordsAndSubtypes;
+  bool hasKeywordsAndSubtypes = false;
   // The assets (indexes into assets) that the last finished filter passed, with its text and
   // what else decided: a filter that only narrows it, as typing on does, tests these alone.
   bool passedValid = false;

@@ -236,18 +236,24 @@ Result<void> AssetBrowserImpl::RunFilterPipeline(const Data& root, const AssetRe
     std::lock_guard guard(_lock);
     _searchStrings.clear();
   }
-  SearchFilter filter(settings.lengthUnitSystem);
-  if (!text.empty()) {
-    KELVO_RETURN_ON_ERROR(filter.Parse(repository, text));
-    std::lock_guard guard(_lock);
-    for (const SearchTerm& term : filter.GetTerms())
-      _searchStrings.insert(_searchStrings.end(), term.values.begin(), term.values.end());
-  }
   IdSet selection = settings.parentSelection;
   if (localNoSmart && selection.empty()) return {};
 
   // One job at a time uses the kept walk; a cancelled one lets go at its next check.
   std::lock_guard walkGuard(_walkLock);
+  KELVO_ASSIGN_OR_RETURN(BrowserWalk * walk, FreshWalk(repository, settings));
+  SearchFilter filter(settings.lengthUnitSystem);
+  if (!text.empty()) {
+    // The keywords and subtypes that the walk met spare the filter a search of its own.
+    if (walk->hasKeywordsAndSubtypes) {
+      KELVO_RETURN_ON_ERROR(filter.Parse(repository, text, walk->keywordsAndSubtypes, walk->reader.GetTypeNameCache()));
+    } else {
+      KELVO_RETURN_ON_ERROR(filter.Parse(repository, text));
+    }
+    std::lock_guard guard(_lock);
+    for (const SearchTerm& term : filter.GetTerms())
+      _searchStrings.insert(_searchStrings.end(), term.values.begin(), term.values.end());
+  }
   if (localNoSmart && control.showSubContent) {
     // The categories below a selected one count as selected.
     std::unordered_map<Id, Id> parents;
@@ -271,7 +277,6 @@ Result<void> AssetBrowserImpl::RunFilterPipeline(const Data& root, const AssetRe
       }
     }
   }
-  KELVO_ASSIGN_OR_RETURN(BrowserWalk * walk, FreshWalk(repository, settings));
 
   AssetFilterContext context;
   context.filter = filter.GetTerms().empty() ? nullptr : &filter;
@@ -357,6 +362,8 @@ Result<BrowserWalk*> AssetBrowserImpl::FreshWalk(const AssetRepositoryRef& repos
   walk.complete = false;
   walk.passedValid = false;
   walk.assets.clear();
+  walk.keywordsAndSubtypes.clear();
+  walk.hasKeywordsAndSubtypes = false;
   walk.reader.Clear();
   walk.repository = repository;
   walk.types = settings.types;
@@ -366,6 +373,7 @@ Result<BrowserWalk*> AssetBrowserImpl::FreshWalk(const AssetRepositoryRef& repos
   // A change stored while the walk runs leaves it stale for the next job.
   walk.generation = _generation->value.load();
   KELVO_RETURN_ON_ERROR(Walk(walk, repository));
+  walk.hasKeywordsAndSubtypes = walk.types.empty() && walk.excluded.empty();
   walk.complete = true;
   return &walk;
 }
@@ -385,6 +393,8 @@ Result<void> AssetBrowserImpl::Walk(BrowserWalk& walk, const AssetRepositoryRef&
     if (++count % kCancelCheckInterval == 0 && IsCurrentJobCancelled() && !IsWalkStillWanted(walk))
       return OperationCancelledError();
     AssetDescription asset = found;
+    const Id type = asset->GetTypeId();
+    if (type == typeids::keyword || type == typeids::subtype) walk.keywordsAndSubtypes.push_back(asset);
     if (!excluded.empty() && excluded.count(asset->GetRepositoryId())) {
       // Listed from another repository that holds it, when one does.
       AssetDescription replacement;

@@ -60,14 +60,14 @@ bool NumericValue(const Data& value, long double& number) {
 // Orders the sort values of two rows: Strings by their collation keys, numbers by value. Rows
 // whose values are of unlike kinds order empty before numbers before Strings.
 int CompareSortValues(const BrowserEntry& a, const BrowserEntry& b) {
+  if (a.sortByKey && b.sortByKey) return Sign(a.sortValueKey.compare(b.sortValueKey));
   const Data& x = a.sortValue;
   const Data& y = b.sortValue;
   if (const auto* xi = x.GetPtr<std::int64_t>())
     if (const auto* yi = y.GetPtr<std::int64_t>()) return *xi < *yi ? -1 : *xi > *yi ? 1 : 0;
   if (const auto* xt = x.GetPtr<UniversalDateTime>())
     if (const auto* yt = y.GetPtr<UniversalDateTime>()) return *xt < *yt ? -1 : *xt > *yt ? 1 : 0;
-  const bool xs = x.GetPtr<std::string>() != nullptr, ys = y.GetPtr<std::string>() != nullptr;
-  if (xs && ys) return Sign(a.sortValueKey.compare(b.sortValueKey));
+  const bool xs = a.sortByKey || x.GetPtr<std::string>(), ys = b.sortByKey || y.GetPtr<std::string>();
   long double xn = 0, yn = 0;
   const int xr = xs ? 2 : NumericValue(x, xn) ? 1 : 0;
   const int yr = ys ? 2 : NumericValue(y, yn) ? 1 : 0;
@@ -213,7 +213,7 @@ Result<void> GroupingAdder::Add(AssetFacts& facts, std::string reasonText) {
 
   switch (config.sortBy) {
   case ASSETSORTBY::NAME:
-    entry.sortValue = Data(Lower(facts.name));
+    entry.sortByKey = true;
     entry.sortValueKey = facts.nameKey;
     break;
   case ASSETSORTBY::MODIFICATION_DATE:
@@ -242,7 +242,7 @@ Result<void> GroupingAdder::Add(AssetFacts& facts, std::string reasonText) {
         ComputeRelevanceKeys(config, entry, facts, _reader, _settings.relevance, _searchWords));
     [[fallthrough]];
   default:
-    entry.sortValue = Data(facts.sortString);
+    entry.sortByKey = true;
     entry.sortValueKey = facts.sortKey;
     break;
   }
@@ -303,8 +303,8 @@ Result<BrowserEntry*> GroupingAdder::GroupOf(AssetFacts& facts) {
     if (_settings.config.sortBy != ASSETSORTBY::RELEVANCE && _settings.config.sortFirst == ASSETSORTFIRST::RELEVANT &&
         IsTypeRelevant(_settings.config.relevantItems, groupId, groupId))
       sort = "#$00" + sort;
-    group.sortValueKey = MakeCollationKey(sort);
-    group.sortValue = Data(std::move(sort));
+    group.sortByKey = true;
+    group.sortValueKey = _keys.emplace_back(MakeCollationKey(sort));
     break;
   }
   case ASSETGROUPBY::DATABASE: {
@@ -322,7 +322,7 @@ Result<BrowserEntry*> GroupingAdder::GroupOf(AssetFacts& facts) {
     break;
   default: group.sortValue = Data(std::int64_t(-1)); break;
   }
-  group.nameKey = MakeCollationKey(Lower(group.name));
+  group.nameKey = _keys.emplace_back(MakeCollationKey(Lower(group.name)));
   _groupIndex.emplace(groupId, _groups.size());
   _groups.push_back(std::move(group));
   return &_groups.back();
@@ -398,13 +398,16 @@ Result<void> DeliverEntries(const DeliveryContext& context, BrowserEntryList& en
   } else {
     sorted = false;
   }
+  // The rows stay in place and an order of them is sorted, which moves no strings.
+  std::vector<std::uint32_t> order(entries.size());
+  for (std::size_t i = 0; i < order.size(); ++i) order[i] = static_cast<std::uint32_t>(i);
   if (sorted && entries.size() >= 2)
-    std::sort(entries.begin(), entries.end(),
-              [&](const BrowserEntry& a, const BrowserEntry& b) { return sort.LessThan(a, b); });
+    std::sort(order.begin(), order.end(),
+              [&](std::uint32_t a, std::uint32_t b) { return sort.LessThan(entries[a], entries[b]); });
   if (context.isCancelled && context.isCancelled()) return OperationCancelledError();
 
   const std::vector<bool> dropped = FindDroppedRows(entries, config);
-  for (std::size_t i = 0; i < entries.size(); ++i) {
+  for (const std::uint32_t i : order) {
     BrowserEntry& row = entries[i];
     if (!dropped.empty() && dropped[i]) continue;
     if (context.mode == ASSETBROWSERMODE::CATEGORIES && context.skipWatchfolders && IsWatchFolderTreeRow(row))

@@ -126,24 +126,41 @@ Result<void> SearchFilter::FindIndirectMatches() {
   const TypeArray types{KeywordAssetInterface::TypeId(), SubTypeAssetInterface::TypeId()};
   TypeNameCache cache;
   KELVO_RETURN_ON_ERROR(_repository->FindAssets(types, Id(), Id(), LATEST | RANDOMIZED_ORDER | CHECK_CANCELLATION,
-                   [&](const AssetDescription& asset) -> Result<bool> {
-                     const bool isKeyword = asset->GetTypeId() == KeywordAssetInterface::TypeId();
-                     std::string reason;
-                     EvaluationState state(*this, asset, reason, cache);
-                     KELVO_RETURN_ON_ERROR(
-                         EvaluateTerms(state, isKeyword ? METAID_KEYWORDS : METAID_SUBTYPE, true, nullptr));
-                     if (state.matchedValues.empty()) return true;
-                     IndirectMatch match;
-                     match.assetType = asset->GetTypeId();
-                     match.assetId = asset->GetIdAndVersion().first;
-                     match.metaKey = isKeyword ? keywordids::keywords : InternedId(filterids::subtype);
-                     match.isKeyword = isKeyword;
-                     match.matchedTerms = std::move(state.matchedTerms);
-                     match.matchedValues.assign(state.matchedValues.begin(), state.matchedValues.end());
-                     _indirectMatches.push_back(std::move(match));
-                     return true;
-                   }));
+                                                [&](const AssetDescription& asset) -> Result<bool> {
+                                                  KELVO_RETURN_ON_ERROR(MatchIndirect(asset, cache));
+                                                  return true;
+                                                }));
   return {};
+}
+
+Result<void> SearchFilter::MatchIndirect(const AssetDescription& asset, TypeNameCache& cache) {
+  const bool isKeyword = asset->GetTypeId() == KeywordAssetInterface::TypeId();
+  std::string reason;
+  EvaluationState state(*this, asset, reason, cache);
+  KELVO_RETURN_ON_ERROR(EvaluateTerms(state, isKeyword ? METAID_KEYWORDS : METAID_SUBTYPE, true, nullptr));
+  if (state.matchedValues.empty()) return {};
+  IndirectMatch match;
+  match.assetType = asset->GetTypeId();
+  match.assetId = asset->GetIdAndVersion().first;
+  match.metaKey = isKeyword ? keywordids::keywords : InternedId(filterids::subtype);
+  match.isKeyword = isKeyword;
+  match.matchedTerms = std::move(state.matchedTerms);
+  match.matchedValues.assign(state.matchedValues.begin(), state.matchedValues.end());
+  _indirectMatches.push_back(std::move(match));
+  return {};
+}
+
+Result<void> SearchFilter::Parse(const AssetRepositoryRef& repository, std::string_view text,
+                                 const std::vector<AssetDescription>& keywordsAndSubtypes, TypeNameCache& cache) {
+  KELVO_RETURN_ON_ERROR(Parse(text));
+  _repository = repository;
+  if (_terms.empty()) return {};
+  Result<void> found = GuardAllocation([&]() -> Result<void> {
+    for (const AssetDescription& asset : keywordsAndSubtypes) KELVO_RETURN_ON_ERROR(MatchIndirect(asset, cache));
+    return {};
+  });
+  if (found.HasError()) _indirectMatches.clear();
+  return found;
 }
 
 Result<bool> SearchFilter::Evaluate(const AssetDescription& asset, std::string& reasonText, TypeNameCache& cache) const {

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "asset/core/assetrepository.h"
@@ -81,10 +82,13 @@ struct BrowserEntry {
   bool isRelevant = false;
   bool hasSortKeys = false;
   std::array<std::int64_t, 5> sortKeys{}; // relevance keys, lower first
+  // A String sort value is kept only as its collation key (sortByKey); others are Data.
   Data sortValue;
-  // Collation keys of a String sortValue and of name, made once so that a compare is a memcmp.
-  std::string sortValueKey;
-  std::string nameKey;
+  bool sortByKey = false;
+  // Collation keys of a String sort value and of name, made once so that a compare is a memcmp.
+  // They view texts that the builder of the list keeps until the list is delivered.
+  std::string_view sortValueKey;
+  std::string_view nameKey;
   ConfigSort config;
   std::shared_ptr<BrowserEntryList> children;
   std::uint8_t duplicateKind = 0; // a node template (1) or a command (2) that a relevance list may drop

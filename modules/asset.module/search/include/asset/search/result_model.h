@@ -4,6 +4,7 @@
 // list and hands its rows to the entry delegate, recursing into child lists.
 
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -50,7 +51,8 @@ public:
   // ranking are returned and add nothing.
   Result<void> Add(AssetFacts& facts, std::string reasonText);
 
-  // The group rows, each with its children; the adder is empty afterwards.
+  // The group rows, each with its children. Their keys view the adder and the facts of the
+  // assets, so the adder and the facts must outlive the delivery of the rows.
   BrowserEntryList TakeGroups();
   const GroupingSettings& GetSettings() const { return _settings; }
 
@@ -62,6 +64,7 @@ private:
   std::vector<std::string> _searchWords;
   std::unordered_map<Id, std::size_t> _groupIndex;
   BrowserEntryList _groups;
+  std::deque<std::string> _keys; // the collation keys of the groups, which the rows view
 };
 
 // What the delivery walk needs of the browser.
