@@ -158,20 +158,43 @@ std::string GetGlobalString(std::string_view resource, std::string_view value) {
   return text;
 }
 
-GroupBucket GetDateBucket(UniversalDateTime date, UniversalDateTime today, std::string_view unsetResource) {
-  if (date.IsEmpty()) return {GetGlobalString(unsetResource), kLargest};
-  int weekday = 0, todayWeekday = 0;
-  const std::int64_t dateDay = LocalDay(date, weekday);
-  const std::int64_t days = LocalDay(today, todayWeekday) - dateDay;
-  if (days < 0) return {GetGlobalString("assetusagefuture"), -1};
-  if (days == 0) return {GetGlobalString("assetusagetoday"), 0};
-  if (days == 1) return {GetGlobalString("assetusageyesterday"), 1};
-  if (days <= 4) return {GetGlobalString("assetusagedaysago", std::to_string(days)), days};
+namespace {
+
+// The sort number of a date's bucket; days gets the whole days from the date to today.
+std::int64_t DateBucketNumber(UniversalDateTime date, std::int64_t todayDay, std::int64_t& days) {
+  if (date.IsEmpty()) return kLargest;
+  int weekday = 0;
+  days = todayDay - LocalDay(date, weekday);
+  if (days < 0) return -1;
+  if (days <= 4) return days;
   const std::int64_t v = days - weekday;
   const std::int64_t weeks = v / 7 + 1;
-  if (v < 7) return {GetGlobalString("assetusagelastweek"), weeks * 7 + 7};
-  if (v < 28) return {GetGlobalString("assetusageweeksago", std::to_string(weeks)), weeks * 7 + 7};
-  return {GetGlobalString("assetusageagesago"), 10000};
+  return v < 28 ? weeks * 7 + 7 : 10000;
+}
+
+// The name of the bucket of sortNumber (from DateBucketNumber, with its days).
+std::string DateBucketName(std::int64_t sortNumber, std::int64_t days, std::string_view unsetResource) {
+  if (sortNumber == kLargest) return GetGlobalString(unsetResource);
+  if (sortNumber == -1) return GetGlobalString("assetusagefuture");
+  if (sortNumber == 0) return GetGlobalString("assetusagetoday");
+  if (sortNumber == 1) return GetGlobalString("assetusageyesterday");
+  if (sortNumber <= 4) return GetGlobalString("assetusagedaysago", std::to_string(days));
+  if (sortNumber == 14) return GetGlobalString("assetusagelastweek");
+  if (sortNumber < 10000) return GetGlobalString("assetusageweeksago", std::to_string(sortNumber / 7 - 1));
+  return GetGlobalString("assetusageagesago");
+}
+
+std::int64_t TodayDay(UniversalDateTime today) {
+  int weekday = 0;
+  return LocalDay(today, weekday);
+}
+
+} // namespace
+
+GroupBucket GetDateBucket(UniversalDateTime date, UniversalDateTime today, std::string_view unsetResource) {
+  std::int64_t days = 0;
+  const std::int64_t number = DateBucketNumber(date, TodayDay(today), days);
+  return {DateBucketName(number, days, unsetResource), number};
 }
 
 GroupBucket GetUseCountBucket(std::int64_t count) {
@@ -184,7 +207,7 @@ GroupBucket GetUseCountBucket(std::int64_t count) {
 }
 
 GroupingAdder::GroupingAdder(GroupingSettings settings, AssetFactsReader& reader)
-    : _settings(std::move(settings)), _reader(reader) {
+    : _settings(std::move(settings)), _reader(reader), _todayDay(TodayDay(_settings.today)) {
   const std::string upper = ToUpperText(_settings.filterString);
   for (std::size_t start = 0; start < upper.size();) {
     std::size_t end = upper.find(' ', start);
@@ -254,19 +277,21 @@ Result<void> GroupingAdder::Add(AssetFacts& facts, std::string reasonText) {
 }
 
 Result<BrowserEntry*> GroupingAdder::GroupOf(AssetFacts& facts) {
+  static const Id kNone("none");
   const ASSETGROUPBY groupBy = _settings.groupBy;
-  std::string key;
+  Id groupId;
   GroupBucket bucket;
+  std::int64_t days = 0;
   switch (groupBy) {
-  case ASSETGROUPBY::CATEGORY: key = facts.categoryId.IsEmpty() ? factids::uncategorized.ToString() : facts.categoryId.ToString(); break;
+  case ASSETGROUPBY::CATEGORY: groupId = facts.categoryId.IsEmpty() ? factids::uncategorized : facts.categoryId; break;
   case ASSETGROUPBY::CREATIONDATE: {
     KELVO_ASSIGN_OR_RETURN(UniversalDateTime stamp, _reader.Timestamp(facts));
-    bucket = GetDateBucket(stamp, _settings.today, "assetcreationdateunknown");
+    bucket.sortNumber = DateBucketNumber(stamp, _todayDay, days);
     break;
   }
   case ASSETGROUPBY::USEDATE: {
     KELVO_ASSIGN_OR_RETURN(UniversalDateTime last, _reader.LastUse(facts));
-    bucket = GetDateBucket(last, _settings.today, "assetusednever");
+    bucket.sortNumber = DateBucketNumber(last, _todayDay, days);
     break;
   }
   case ASSETGROUPBY::USECOUNT: {
@@ -274,15 +299,22 @@ Result<BrowserEntry*> GroupingAdder::GroupOf(AssetFacts& facts) {
     bucket = GetUseCountBucket(count);
     break;
   }
-  case ASSETGROUPBY::TYPE: key = (facts.subtypeId.IsEmpty() ? facts.typeId : facts.subtypeId).ToString(); break;
-  case ASSETGROUPBY::DATABASE: key = facts.repository ? facts.repository->GetId().ToString() : std::string(); break;
-  default: key = "none"; break;
+  case ASSETGROUPBY::TYPE: groupId = facts.subtypeId.IsEmpty() ? facts.typeId : facts.subtypeId; break;
+  case ASSETGROUPBY::DATABASE: groupId = facts.repository ? facts.repository->GetId() : Id(); break;
+  default: groupId = kNone; break;
   }
   const bool dated = groupBy == ASSETGROUPBY::CREATIONDATE || groupBy == ASSETGROUPBY::USEDATE ||
                      groupBy == ASSETGROUPBY::USECOUNT;
-  if (dated) key = "sort_" + std::to_string(bucket.sortNumber);
-  const Id groupId(key);
+  if (dated) {
+    auto [slot, added] = _bucketIds.try_emplace(bucket.sortNumber);
+    if (added) slot->second = Id("sort_" + std::to_string(bucket.sortNumber));
+    groupId = slot->second;
+  }
   if (auto hit = _groupIndex.find(groupId); hit != _groupIndex.end()) return &_groups[hit->second];
+  if (groupBy == ASSETGROUPBY::CREATIONDATE)
+    bucket.name = DateBucketName(bucket.sortNumber, days, "assetcreationdateunknown");
+  else if (groupBy == ASSETGROUPBY::USEDATE)
+    bucket.name = DateBucketName(bucket.sortNumber, days, "assetusednever");
 
   BrowserEntry group;
   group.isGroup = true;
@@ -330,6 +362,7 @@ Result<BrowserEntry*> GroupingAdder::GroupOf(AssetFacts& facts) {
 
 BrowserEntryList GroupingAdder::TakeGroups() {
   _groupIndex.clear();
+  _bucketIds.clear();
   return std::exchange(_groups, BrowserEntryList());
 }
 

@@ -65,6 +65,8 @@ private:
   std::unordered_map<Id, std::size_t> _groupIndex;
   BrowserEntryList _groups;
   std::deque<std::string> _keys; // the collation keys of the groups, which the rows view
+  std::unordered_map<std::int64_t, Id> _bucketIds;
+  std::int64_t _todayDay = 0; // local day number of today
 };
 
 // What the delivery walk needs of the browser.
