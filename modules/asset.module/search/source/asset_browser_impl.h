@@ -23,6 +23,7 @@ struct BrowserWalk {
   std::vector<Id> types;
   IdSet excluded;
   bool showUnavailable = false;
+  bool builderSettings = false; // g_assetBuilderSettings, which lists invisible assets
   LanguageRef language;
   std::uint64_t generation = 0;
   bool complete = false;

@@ -356,7 +356,8 @@ Result<BrowserWalk*> AssetBrowserImpl::FreshWalk(const AssetRepositoryRef& repos
   const LanguageRef language = Language::GetCurrentLanguage();
   if (walk.complete && walk.generation == generation && walk.repository.lock() == repository &&
       walk.types == settings.types && walk.excluded == settings.excluded &&
-      walk.showUnavailable == settings.showUnavailable && walk.language == language)
+      walk.showUnavailable == settings.showUnavailable && walk.builderSettings == g_assetBuilderSettings.Get() &&
+      walk.language == language)
     return &walk;
   if (walk.repository.lock() != repository) ObserveRepository(repository);
   walk.complete = false;
@@ -369,6 +370,7 @@ Result<BrowserWalk*> AssetBrowserImpl::FreshWalk(const AssetRepositoryRef& repos
   walk.types = settings.types;
   walk.excluded = settings.excluded;
   walk.showUnavailable = settings.showUnavailable;
+  walk.builderSettings = g_assetBuilderSettings.Get();
   walk.language = language;
   // A change stored while the walk runs leaves it stale for the next job.
   walk.generation = _generation->value.load();
@@ -410,7 +412,7 @@ Result<void> AssetBrowserImpl::Walk(BrowserWalk& walk, const AssetRepositoryRef&
       asset = std::move(replacement);
     }
     // An asset that can't be read is left out; the search goes on.
-    if (!g_assetBuilderSettings) {
+    if (!walk.builderSettings) {
       Result<bool> visible = AssetInterface::IsAssetVisible(asset);
       if (visible.HasError() || !*visible) return true;
     }
