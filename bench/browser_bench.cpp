@@ -109,18 +109,6 @@ BenchData& Data100k() {
   return data;
 }
 
-class GraphModel final : public BrowserGraphModelInterface {
-public:
-  explicit GraphModel(AssetRepositoryRef r) : _repository(std::move(r)) {}
-  AssetRepositoryRef GetLookupRepository() const override { return _repository; }
-  std::shared_ptr<const void> GetLookupContext() const override { return nullptr; }
-  bool AssetSupports(const AssetDescription&, const std::shared_ptr<const void>&) const override { return true; }
-  bool IsObjectNodeAsset(const AssetDescription&) const override { return false; }
-
-private:
-  AssetRepositoryRef _repository;
-};
-
 // Times of the delegate's commands, from the moment the filter changed.
 class Timing {
 public:
@@ -175,7 +163,7 @@ void BM_BrowserFilterChanges(benchmark::State& state) {
   for (auto _ : state) {
     Timing timing;
     AssetBrowserRef browser = *AssetBrowserInterface::Create(ASSETBROWSERMODE::ASSETS);
-    browser->SetGraphModel(std::make_shared<GraphModel>(data.repositories.front()));
+    browser->SetGraphModel(std::make_shared<RepositoryGraphModelImpl>(data.repositories.front()));
     browser->SetBuildEntryDelegate(timing.Delegate());
     double firstAdd = 0, end = 0;
     std::size_t rows = 0;

@@ -92,18 +92,6 @@ private:
   std::size_t _finished = 0;
 };
 
-class RepositoryGraphModel final : public BrowserGraphModelInterface {
-public:
-  explicit RepositoryGraphModel(AssetRepositoryRef repository) : _repository(std::move(repository)) {}
-  AssetRepositoryRef GetLookupRepository() const override { return _repository; }
-  std::shared_ptr<const void> GetLookupContext() const override { return nullptr; }
-  bool AssetSupports(const AssetDescription&, const std::shared_ptr<const void>&) const override { return true; }
-  bool IsObjectNodeAsset(const AssetDescription&) const override { return false; }
-
-private:
-  AssetRepositoryRef _repository;
-};
-
 const std::vector<std::string> kGroups{"category", "creationdate", "usedate", "usecount", "type", "database", "none"};
 const std::vector<std::string> kSorts{"name",     "modificationdate", "creationdate", "usedate",
                                       "usecount", "size",             "relevance"};
@@ -367,7 +355,7 @@ int RunBrowseCommand(const CommandLine& line, Session& session) {
   if (created.HasError()) return Fail(EXIT_FAILED, created.GetError().ToString());
   const AssetBrowserRef browser = *created;
   RowCollector collector;
-  browser->SetGraphModel(std::make_shared<RepositoryGraphModel>(session.repository));
+  browser->SetGraphModel(std::make_shared<RepositoryGraphModelImpl>(session.repository));
   browser->SetBuildEntryDelegate(collector.Delegate());
   if (line.Has("interactive")) {
     browser->EnableUpdates(true);

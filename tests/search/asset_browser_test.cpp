@@ -120,7 +120,7 @@ TEST_F(AssetBrowserTest, ABurstOfChangesDeliversOneResultForTheLastFilter) {
   auto created = AssetBrowserInterface::Create(ASSETBROWSERMODE::ASSETS);
   ASSERT_TRUE(created.HasValue());
   _browser = *created;
-  _browser->SetGraphModel(std::make_shared<RepositoryGraphModel>(_main));
+  _browser->SetGraphModel(std::make_shared<RepositoryGraphModelImpl>(_main));
   _browser->SetBuildEntryDelegate(_recorder.Delegate());
   // Without updates no setter starts a job.
   _browser->DoFiltering("", "GROUPBY:NONE", "", "item", false, false);

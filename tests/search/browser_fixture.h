@@ -1,6 +1,5 @@
 #pragma once
-// A browser over a generated on-disk repository, with a delegate that records every command, and
-// a graph model that names the repository to search.
+// A browser over a generated on-disk repository, with a delegate that records every command.
 
 #include <chrono>
 #include <condition_variable>
@@ -15,18 +14,6 @@
 #include "search_fixture.h"
 
 namespace kelvo::testing {
-
-class RepositoryGraphModel final : public BrowserGraphModelInterface {
-public:
-  explicit RepositoryGraphModel(AssetRepositoryRef repository) : _repository(std::move(repository)) {}
-  AssetRepositoryRef GetLookupRepository() const override { return _repository; }
-  std::shared_ptr<const void> GetLookupContext() const override { return nullptr; }
-  bool AssetSupports(const AssetDescription&, const std::shared_ptr<const void>&) const override { return true; }
-  bool IsObjectNodeAsset(const AssetDescription&) const override { return false; }
-
-private:
-  AssetRepositoryRef _repository;
-};
 
 // Records the commands of a browser. A row is "[group]" for a group and the name for an asset.
 class Recorder {
@@ -138,7 +125,7 @@ protected:
     auto browser = AssetBrowserInterface::Create(ASSETBROWSERMODE::ASSETS);
     ASSERT_TRUE(browser.HasValue());
     _browser = *browser;
-    _browser->SetGraphModel(std::make_shared<RepositoryGraphModel>(_main));
+    _browser->SetGraphModel(std::make_shared<RepositoryGraphModelImpl>(_main));
     _browser->SetBuildEntryDelegate(_recorder.Delegate());
     _browser->EnableUpdates(true);
     ASSERT_TRUE(_recorder.WaitForFinished(1));

@@ -48,6 +48,20 @@ public:
 };
 using BrowserGraphModelRef = std::shared_ptr<BrowserGraphModelInterface>;
 
+// The graph model of a host without a node graph (a tool, a test): one repository to search, no
+// lookup context, every asset supported and no node asset making scene objects.
+class RepositoryGraphModelImpl final : public BrowserGraphModelInterface {
+public:
+  explicit RepositoryGraphModelImpl(AssetRepositoryRef repository) : _repository(std::move(repository)) {}
+  AssetRepositoryRef GetLookupRepository() const override { return _repository; }
+  std::shared_ptr<const void> GetLookupContext() const override { return nullptr; }
+  bool AssetSupports(const AssetDescription&, const std::shared_ptr<const void>&) const override { return true; }
+  bool IsObjectNodeAsset(const AssetDescription&) const override { return false; }
+
+private:
+  AssetRepositoryRef _repository;
+};
+
 using IdSet = std::unordered_set<Id>;
 using InitDataDelegate = std::function<Result<void>(const AssetBrowserRef& browser)>;
 
