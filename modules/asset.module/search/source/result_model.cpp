@@ -220,15 +220,10 @@ GroupingAdder::GroupingAdder(GroupingSettings settings, AssetFactsReader& reader
 Result<void> GroupingAdder::Add(AssetFacts& facts, std::string reasonText) {
   const ConfigSort& config = _settings.config;
   BrowserEntry entry;
-  entry.asset = facts.asset;
-  entry.repository = facts.repository;
+  entry.source = &facts;
   entry.id = facts.assetId;
-  entry.name = facts.name;
   entry.nameKey = facts.nameKey;
   entry.reasonText = std::move(reasonText);
-  entry.descriptionText = facts.descriptionText;
-  entry.shortcutsText = facts.shortcutsText;
-  entry.helpText = facts.helpText;
   entry.duplicateKind = facts.duplicateKind;
   entry.config = config;
   if (config.sortFirst == ASSETSORTFIRST::RELEVANT)
@@ -390,7 +385,7 @@ std::vector<bool> FindDroppedRows(const BrowserEntryList& entries, const ConfigS
   for (std::size_t i = 0; i < entries.size(); ++i) {
     const std::uint8_t kind = entries[i].duplicateKind;
     if (kind == 0) continue;
-    auto& slot = byName[ToUpperText(entries[i].name)];
+    auto& slot = byName[ToUpperText(entries[i].source ? entries[i].source->name : entries[i].name)];
     (kind == 1 ? slot.first : slot.second).push_back(i);
   }
   for (const auto& [name, rows] : byName) {
@@ -407,6 +402,28 @@ bool IsWatchFolderTreeRow(const BrowserEntry& row) {
   const std::string_view type = row.asset->GetTypeId().View();
   return type == "net.kelvo.assettype.keyword" || type == "net.kelvo.assettype.smartsearch" ||
          type == "net.kelvo.assettype.category";
+}
+
+// Fills scratch with row and the texts, asset and repository of its facts.
+BrowserEntry& Materialize(const BrowserEntry& row, BrowserEntry& scratch) {
+  const AssetFacts& facts = *row.source;
+  scratch.isGroup = row.isGroup;
+  scratch.isPlaceholder = row.isPlaceholder;
+  scratch.stateFlags = row.stateFlags;
+  scratch.indexState = row.indexState;
+  scratch.name.assign(facts.name);
+  scratch.reasonText.assign(row.reasonText);
+  scratch.noteText.assign(row.noteText);
+  scratch.descriptionText.assign(facts.descriptionText);
+  scratch.shortcutsText.assign(facts.shortcutsText);
+  scratch.helpText.assign(facts.helpText);
+  scratch.id = row.id;
+  scratch.asset = facts.asset;
+  scratch.repository = facts.repository;
+  scratch.extraFlag = row.extraFlag;
+  scratch.children = row.children;
+  scratch.config = row.config;
+  return scratch;
 }
 
 bool IsFalse(const Data& data) {
@@ -440,9 +457,10 @@ Result<void> DeliverEntries(const DeliveryContext& context, BrowserEntryList& en
   if (context.isCancelled && context.isCancelled()) return OperationCancelledError();
 
   const std::vector<bool> dropped = FindDroppedRows(entries, config);
+  BrowserEntry scratch; // the delivered form of rows built from facts; its buffers are reused
   for (const std::uint32_t i : order) {
-    BrowserEntry& row = entries[i];
     if (!dropped.empty() && dropped[i]) continue;
+    BrowserEntry& row = entries[i].source ? Materialize(entries[i], scratch) : entries[i];
     if (context.mode == ASSETBROWSERMODE::CATEGORIES && context.skipWatchfolders && IsWatchFolderTreeRow(row))
       continue;
     if (IsShownPrefix(row.name)) row.name.erase(0, 4);

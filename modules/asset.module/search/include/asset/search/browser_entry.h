@@ -37,6 +37,7 @@ enum class BUILDBROWSERENTRYCOMMAND : std::int32_t { START = 0, END = 1, RESET =
 enum class FILTERASSETRESULT : std::int32_t { SKIP = 0, ADD = 1, ADDCATEGORYONLY = 2 };
 
 struct BrowserEntry;
+struct AssetFacts;
 
 // How a list of rows is ordered: the settings of one child list, and the signs that the delivery
 // fixes before it sorts (-1 ascending, +1 descending).
@@ -92,6 +93,9 @@ struct BrowserEntry {
   ConfigSort config;
   std::shared_ptr<BrowserEntryList> children;
   std::uint8_t duplicateKind = 0; // a node template (1) or a command (2) that a relevance list may drop
+  // A row of an asset list leaves name, texts, asset and repository empty and takes them from
+  // these facts when it is delivered, so that building and sorting many rows copies no text.
+  const AssetFacts* source = nullptr;
 };
 
 class AssetBrowserInterface;
