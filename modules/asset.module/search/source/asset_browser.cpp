@@ -127,6 +127,7 @@ void AssetBrowserImpl::JobRefReset(bool wait) {
   {
     std::lock_guard guard(_jobRefLock);
     job = std::exchange(_jobRef, JobRef());
+    _cancelledByReset = job;
   }
   if (job) {
     job.Cancel();

@@ -144,6 +144,7 @@ private:
   std::atomic<std::int32_t> _jobGate{0}; // 0 idle, 1 in transition, 2 a job exists
   std::mutex _jobRefLock;
   JobRef _jobRef;
+  JobRef _cancelledByReset; // the job that JobRefReset cancelled last, guarded by _jobRefLock
   std::mutex _triggerLock;
   std::shared_ptr<JobQueue> _mainQueue;
   JobRef _trigger;

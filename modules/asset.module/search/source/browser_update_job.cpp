@@ -437,6 +437,11 @@ Result<void> AssetBrowserImpl::Walk(BrowserWalk& walk, const AssetRepositoryRef&
 
 
 bool AssetBrowserImpl::IsWalkStillWanted(const BrowserWalk& walk) {
+  {
+    // Only a restart of this browser lets a walk run on; the end of the queue does not.
+    std::lock_guard guard(_jobRefLock);
+    if (!(_cancelledByReset == GetCurrentJob())) return false;
+  }
   std::lock_guard guard(_lock);
   if (!_updatesEnabled || !_builderDelegate || walk.showUnavailable != _showUnavailable ||
       walk.excluded != _databaseMasterfilter || walk.types.size() != _assetTypesFilter.size())
