@@ -435,7 +435,6 @@ Result<void> AssetBrowserImpl::Walk(BrowserWalk& walk, const AssetRepositoryRef&
   return {};
 }
 
-
 bool AssetBrowserImpl::IsWalkStillWanted(const BrowserWalk& walk) {
   {
     // Only a restart of this browser lets a walk run on; the end of the queue does not.
