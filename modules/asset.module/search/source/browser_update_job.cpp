@@ -325,6 +325,7 @@ Result<void> AssetBrowserImpl::RunFilterPipeline(const Data& root, const AssetRe
     (void)adder.Add(facts, reason).HasValue();
   };
   const std::size_t candidates = narrowing ? walk->passed.size() : walk->assets.size();
+  adder.ExpectRows(candidates);
   for (std::size_t i = 0; i < candidates; ++i) {
     if ((i + 1) % kCancelCheckInterval == 0 && IsCurrentJobCancelled()) return OperationCancelledError();
     test(narrowing ? walk->passed[i] : static_cast<std::uint32_t>(i));

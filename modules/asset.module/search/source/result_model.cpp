@@ -316,6 +316,7 @@ Result<BrowserEntry*> GroupingAdder::GroupOf(AssetFacts& facts) {
   group.id = groupId;
   group.config = _settings.config;
   group.children = std::make_shared<BrowserEntryList>();
+  if (groupBy == ASSETGROUPBY::NOTHING) group.children->reserve(_expectedRows);
   const AssetRepositoryRef lookup = facts.repository;
   switch (groupBy) {
   case ASSETGROUPBY::CATEGORY: {

@@ -51,6 +51,9 @@ public:
   // ranking are returned and add nothing.
   Result<void> Add(AssetFacts& facts, std::string reasonText);
 
+  // Room for rows assets in a list of one group (a grouping by nothing), made once.
+  void ExpectRows(std::size_t rows) { _expectedRows = rows; }
+
   // The group rows, each with its children. Their keys view the adder and the facts of the
   // assets, so the adder and the facts must outlive the delivery of the rows.
   BrowserEntryList TakeGroups();
@@ -67,6 +70,7 @@ private:
   std::deque<std::string> _keys; // the collation keys of the groups, which the rows view
   std::unordered_map<std::int64_t, Id> _bucketIds;
   std::int64_t _todayDay = 0; // local day number of today
+  std::size_t _expectedRows = 0;
 };
 
 // What the delivery walk needs of the browser.
