@@ -14,6 +14,7 @@
 #include "asset/types/keyword_asset.h"
 #include "check_commands.h"
 #include "db_commands.h"
+#include "browse_commands.h"
 #include "find_commands.h"
 #include "link_commands.h"
 #include "watch_commands.h"
@@ -565,6 +566,7 @@ const std::vector<CommandSpec>& GetCommands() {
   static const std::vector<CommandSpec> all = [] {
     std::vector<CommandSpec> v = commands;
     v.insert(v.begin() + 2, GetFindCommands().begin(), GetFindCommands().end());
+    v.insert(v.begin() + 2 + GetFindCommands().size(), GetBrowseCommands().begin(), GetBrowseCommands().end());
     v.insert(v.end(), GetDbCommands().begin(), GetDbCommands().end());
     v.insert(v.end(), GetWatchCommands().begin(), GetWatchCommands().end());
     v.insert(v.end(), GetTypesCommands().begin(), GetTypesCommands().end());
@@ -607,6 +609,7 @@ int RunCommand(const CommandLine& line, Session& session) {
   if (c == "init") return CmdInit(line, session);
   if (c == "add") return CmdAdd(line, session);
   if (IsFindCommand(c)) return RunFindCommand(line, session);
+  if (IsBrowseCommand(c)) return RunBrowseCommand(line, session);
   if (c == "show") return CmdShow(line, session);
   if (c == "cat") return CmdCat(line, session);
   if (c == "export") return CmdExport(line, session);

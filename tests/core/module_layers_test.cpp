@@ -25,7 +25,7 @@ const std::map<std::string, std::set<std::string>> kBeneath{
     {"types", {"standard"}},
     {"downloads", {"databases", "types"}},
     {"watchfolder", {"databases"}},
-    {"search", {"types", "watchfolder"}},
+    {"search", {"types", "watchfolder", "downloads"}},
     {"module", {"downloads", "search"}},
 };
 

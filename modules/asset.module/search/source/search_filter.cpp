@@ -145,46 +145,62 @@ Result<void> SearchFilter::FindIndirectMatches() {
   const TypeArray types{KeywordAssetInterface::TypeId(), SubTypeAssetInterface::TypeId()};
   TypeNameCache cache;
   KELVO_RETURN_ON_ERROR(_repository->FindAssets(types, Id(), Id(), LATEST | RANDOMIZED_ORDER | CHECK_CANCELLATION,
-                   [&](const AssetDescription& asset) -> Result<bool> {
-                     const bool isKeyword = asset->GetTypeId() == KeywordAssetInterface::TypeId();
-                     std::string reason;
-                     FilterRecord record(asset);
-                     EvaluationState state(*this, record, reason, cache);
-                     KELVO_RETURN_ON_ERROR(
-                         EvaluateTerms(state, isKeyword ? METAID_KEYWORDS : METAID_SUBTYPE, true, nullptr));
-                     if (state.matchedValues.Count() == 0) return true;
-                     IndirectMatch match;
-                     match.assetType = asset->GetTypeId();
-                     match.assetId = asset->GetIdAndVersion().first;
-                     if (isKeyword) match.internedAssetId = InternedId(match.assetId);
-                     match.metaKey = isKeyword ? keywordids::keywords : InternedId(filterids::subtype);
-                     match.isKeyword = isKeyword;
-                     // Terms and values in filter order, each once.
-                     for (std::size_t i = 0; i < _terms.size(); ++i) {
-                       if (state.matchedTerms.Contains(_termNumbers[i]) &&
-                           std::find(match.termNumbers.begin(), match.termNumbers.end(), _termNumbers[i]) ==
-                               match.termNumbers.end()) {
-                         match.termNumbers.push_back(_termNumbers[i]);
-                         match.matchedTerms.push_back(&_terms[i]);
-                       }
-                       for (std::size_t k = 0; k < _terms[i].values.size(); ++k) {
-                         const std::uint32_t n = GetValueNumber(i, k);
-                         if (!state.matchedValues.Contains(n) ||
-                             std::find(match.valueNumbers.begin(), match.valueNumbers.end(), n) != match.valueNumbers.end())
-                           continue;
-                         match.valueNumbers.push_back(n);
-                         match.matchedValues.push_back(_terms[i].values[k]);
-                       }
-                     }
-                     if (isKeyword) {
-                       // The reason an asset gets from the keyword; looked up again per asset if this fails.
-                       Result<TypeName> name = GetAssetTypeName(_repository, match.assetType, match.assetId, Id(), false, &cache);
-                       if (name.HasValue()) match.keywordName = std::move(name->name);
-                     }
-                     _indirectMatches.push_back(std::move(match));
-                     return true;
-                   }));
+                                                [&](const AssetDescription& asset) -> Result<bool> {
+                                                  KELVO_RETURN_ON_ERROR(MatchIndirect(asset, cache));
+                                                  return true;
+                                                }));
   return {};
+}
+
+Result<void> SearchFilter::MatchIndirect(const AssetDescription& asset, TypeNameCache& cache) {
+  const bool isKeyword = asset->GetTypeId() == KeywordAssetInterface::TypeId();
+  std::string reason;
+  FilterRecord record(asset);
+  EvaluationState state(*this, record, reason, cache);
+  KELVO_RETURN_ON_ERROR(EvaluateTerms(state, isKeyword ? METAID_KEYWORDS : METAID_SUBTYPE, true, nullptr));
+  if (state.matchedValues.Count() == 0) return {};
+  IndirectMatch match;
+  match.assetType = asset->GetTypeId();
+  match.assetId = asset->GetIdAndVersion().first;
+  if (isKeyword) match.internedAssetId = InternedId(match.assetId);
+  match.metaKey = isKeyword ? keywordids::keywords : InternedId(filterids::subtype);
+  match.isKeyword = isKeyword;
+  // Terms and values in filter order, each once.
+  for (std::size_t i = 0; i < _terms.size(); ++i) {
+    if (state.matchedTerms.Contains(_termNumbers[i]) &&
+        std::find(match.termNumbers.begin(), match.termNumbers.end(), _termNumbers[i]) == match.termNumbers.end()) {
+      match.termNumbers.push_back(_termNumbers[i]);
+      match.matchedTerms.push_back(&_terms[i]);
+    }
+    for (std::size_t k = 0; k < _terms[i].values.size(); ++k) {
+      const std::uint32_t n = GetValueNumber(i, k);
+      if (!state.matchedValues.Contains(n) ||
+          std::find(match.valueNumbers.begin(), match.valueNumbers.end(), n) != match.valueNumbers.end())
+        continue;
+      match.valueNumbers.push_back(n);
+      match.matchedValues.push_back(_terms[i].values[k]);
+    }
+  }
+  if (isKeyword) {
+    // The reason an asset gets from the keyword; looked up again per asset if this fails.
+    Result<TypeName> name = GetAssetTypeName(_repository, match.assetType, match.assetId, Id(), false, &cache);
+    if (name.HasValue()) match.keywordName = std::move(name->name);
+  }
+  _indirectMatches.push_back(std::move(match));
+  return {};
+}
+
+Result<void> SearchFilter::Parse(const AssetRepositoryRef& repository, std::string_view text,
+                                 const std::vector<AssetDescription>& keywordsAndSubtypes, TypeNameCache& cache) {
+  KELVO_RETURN_ON_ERROR(Parse(text));
+  _repository = repository;
+  if (_terms.empty()) return {};
+  Result<void> found = GuardAllocation([&]() -> Result<void> {
+    for (const AssetDescription& asset : keywordsAndSubtypes) KELVO_RETURN_ON_ERROR(MatchIndirect(asset, cache));
+    return {};
+  });
+  if (found.HasError()) _indirectMatches.clear();
+  return found;
 }
 
 Result<bool> SearchFilter::Evaluate(const AssetDescription& asset, std::string& reasonText, TypeNameCache& cache) const {

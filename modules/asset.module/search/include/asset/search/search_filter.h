@@ -62,6 +62,12 @@ public:
   // leave the filter without indirect matches. Not thread-safe on one filter.
   Result<void> Parse(const AssetRepositoryRef& repository, std::string_view text);
 
+  // The same with the keyword and subtype assets that a search of repository would find (the
+  // latest versions) given by the caller, who has them from an earlier walk; cache is the
+  // caller's, as for Evaluate. Not thread-safe on one filter.
+  Result<void> Parse(const AssetRepositoryRef& repository, std::string_view text,
+                     const std::vector<AssetDescription>& keywordsAndSubtypes, TypeNameCache& cache);
+
   // Whether asset is rejected: true unless every term is satisfied. reasonText receives what
   // made it pass (keyword names, tags, counts), pieces joined by ", ". cache belongs to the
   // caller's job and may be reused for the next asset and the next filter. Errors of repository
@@ -108,6 +114,8 @@ private:
   void RewriteTypeValue(std::string& value);
   void NumberTerms();
   Result<void> FindIndirectMatches();
+  // Adds the indirect match of one keyword or subtype asset, when it satisfies values.
+  Result<void> MatchIndirect(const AssetDescription& asset, TypeNameCache& cache);
 
   std::string _filterText;
   std::vector<SearchTerm> _terms;
