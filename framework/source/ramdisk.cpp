@@ -9,7 +9,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <map>
-#include <set>
+#include <optional>
 #include <shared_mutex>
 #include <unordered_map>
 
@@ -63,17 +63,31 @@ MirrorProbe Probe(const std::string& path, std::uint64_t* size = nullptr) {
 
 } // namespace
 
+// The declared tree of a mounted disk. A large database declares hundreds of thousands of
+// entries at each start, so a declaration costs one or two hash look-ups and no allocation of
+// its own: paths live in a shared text arena, nodes in one vector linked by index, and the URL
+// flags, which are the same for almost every file, are kept once each.
 struct RamDisk::MountState {
-  struct FileEntry {
-    DataDictionary flags;
-    bool cached = false; // fetched or seen in the mirror since the last drop, for notifications
+  static constexpr std::uint32_t kNone = ~std::uint32_t(0);
+  struct Node {
+    std::string_view path;  // relative to the root, in the arena; "" for the root
+    std::uint32_t parent = kNone;
+    std::uint32_t firstChild = kNone;
+    std::uint32_t nextSibling = kNone;
+    std::uint32_t flags = 0;  // index into flagTable, for files
+    bool isDirectory = true;
+    bool cached = false;  // fetched or seen in the mirror since the last drop, for notifications
+    std::string_view Name() const { return path.substr(path.rfind('/') + 1); }
   };
 
   Url remote;
   mutable std::shared_mutex lock; // guards the fields below
   std::string mirrorRoot;         // a local path without a trailing "/"
-  std::unordered_map<std::string, FileEntry> files;
-  std::unordered_map<std::string, std::set<std::string>> directories; // "" is the root
+  std::vector<Node> nodes{Node{}}; // [0] is the root
+  std::unordered_map<std::string_view, std::uint32_t> byPath;
+  std::vector<DataDictionary> flagTable{DataDictionary()};
+  std::vector<std::unique_ptr<char[]>> arena;  // chunks of path text
+  std::size_t arenaLeft = 0, lastChunkSize = 0;
 
   std::mutex fetchesLock;
   std::unordered_map<std::string, std::shared_ptr<FetchState>> fetches; // by relative path
@@ -84,59 +98,139 @@ struct RamDisk::MountState {
   }
   std::string MirrorPath(const std::string& rel) const { return MirrorRoot() + "/" + rel; }
 
+  // The node of rel, or kNone. REQUIRES: lock held.
+  std::uint32_t Find(std::string_view rel) const {
+    if (rel.empty()) return 0;
+    auto it = byPath.find(rel);
+    return it == byPath.end() ? kNone : it->second;
+  }
+  const Node* FindNode(std::string_view rel) const {
+    const std::uint32_t at = Find(rel);
+    return at == kNone ? nullptr : &nodes[at];
+  }
+  bool IsFile(std::string_view rel) const {
+    const Node* node = FindNode(rel);
+    return node && !node->isDirectory;
+  }
+  bool IsDirectory(std::string_view rel) const {
+    const Node* node = FindNode(rel);
+    return node && node->isDirectory;
+  }
+
+  std::uint32_t FlagsIndex(const DataDictionary& flags) {
+    for (std::size_t i = 0; i < flagTable.size(); ++i)
+      if (flagTable[i] == flags) return static_cast<std::uint32_t>(i);
+    flagTable.push_back(flags);
+    return static_cast<std::uint32_t>(flagTable.size() - 1);
+  }
+
+  // Adds a node below parent. REQUIRES: lock held for writing, rel not known.
+  std::uint32_t Add(std::uint32_t parent, std::string_view rel, bool isDirectory, std::uint32_t flags) {
+    Node node;
+    node.path = KeepPath(rel);
+    node.parent = parent;
+    node.isDirectory = isDirectory;
+    node.flags = flags;
+    node.nextSibling = nodes[parent].firstChild;
+    const auto at = static_cast<std::uint32_t>(nodes.size());
+    nodes.push_back(node);
+    nodes[parent].firstChild = at;
+    byPath.emplace(nodes[at].path, at);
+    return at;
+  }
+  std::string_view KeepPath(std::string_view text) {
+    constexpr std::size_t kChunk = 1 << 20;
+    if (text.size() > arenaLeft) {
+      lastChunkSize = std::max(kChunk, text.size());
+      arena.push_back(std::make_unique<char[]>(lastChunkSize));
+      arenaLeft = lastChunkSize;
+    }
+    char* at = arena.back().get() + (lastChunkSize - arenaLeft);
+    std::memcpy(at, text.data(), text.size());
+    arenaLeft -= text.size();
+    return std::string_view(at, text.size());
+  }
+
   Result<void> Declare(const std::vector<std::string>& components, const DataDictionary& flags) {
-    const std::string rel = Join(components);
     if (components.empty()) return IllegalArgumentError("Refused RAM disk file without a name");
+    thread_local std::string rel;
+    rel.clear();
+    for (const auto& c : components) {
+      if (!rel.empty()) rel += '/';
+      rel += c;
+    }
     for (const auto& c : components) KELVO_RETURN_ON_ERROR(CheckComponent(c, rel));
     if (rel.size() > kMaxPathLength) return IllegalArgumentError("Refused RAM disk path @: too long", rel);
     const bool isDirectory = flags.Get<bool>(urlkeys::ramdisk_directory).value_or(false);
     std::unique_lock guard(lock);
-    if (!isDirectory && directories.count(rel))
-      return IllegalArgumentError("Can't declare @: a directory of that name exists", rel);
-    // Listings name a directory before what it holds, so the parent is usually known: every
-    // prefix of a known directory is a known directory and none is a file, and only the last
-    // name is new. This keeps the declaration of a large tree to a few look-ups a file.
-    const std::size_t cut = rel.size() - components.back().size();
-    if (auto parent = directories.find(cut ? rel.substr(0, cut - 1) : std::string()); parent != directories.end()) {
-      if (isDirectory && files.count(rel)) return IllegalArgumentError("Can't declare @: @ is a file", rel, rel);
-      parent->second.insert(components.back());
-    } else {
-      std::string dir;
-      for (std::size_t i = 0; i < components.size(); ++i) {
-        dir += (i ? "/" : "") + components[i];
-        if ((i + 1 < components.size() || isDirectory) && files.count(dir))
-          return IllegalArgumentError("Can't declare @: @ is a file", rel, dir);
+    if (const std::uint32_t known = Find(rel); known != kNone) {
+      Node& node = nodes[known];
+      if (node.isDirectory != isDirectory)
+      {
+        if (isDirectory) return IllegalArgumentError("Can't declare @: @ is a file", rel, rel);
+        return IllegalArgumentError("Can't declare @: a directory of that name exists", rel);
+      }
+      if (!isDirectory) node.flags = FlagsIndex(flags);
+      return {};
+    }
+    // Listings name a directory before what it holds, so the parent is usually known and only
+    // the last name is new.
+    const std::string_view path(rel);
+    const std::size_t cut = path.size() - components.back().size();
+    std::uint32_t parent = Find(cut ? path.substr(0, cut - 1) : std::string_view());
+    if (parent != kNone && !nodes[parent].isDirectory)
+      return IllegalArgumentError("Can't declare @: @ is a file", rel, path.substr(0, cut - 1));
+    if (parent == kNone) {
+      std::size_t end = 0;
+      for (std::size_t i = 0; i + 1 < components.size(); ++i) {
+        end += (i ? 1 : 0) + components[i].size();
+        if (IsFile(path.substr(0, end))) return IllegalArgumentError("Can't declare @: @ is a file", rel, path.substr(0, end));
       }
       // Only now that nothing can fail is the tree changed.
-      std::string path;
-      for (std::size_t i = 0; i < components.size(); ++i) {
-        directories[path].insert(components[i]);
-        path += (i ? "/" : "") + components[i];
+      parent = 0;
+      end = 0;
+      for (std::size_t i = 0; i + 1 < components.size(); ++i) {
+        end += (i ? 1 : 0) + components[i].size();
+        const std::uint32_t known = Find(path.substr(0, end));
+        parent = known != kNone ? known : Add(parent, path.substr(0, end), true, 0);
       }
     }
-    if (isDirectory)
-      directories[rel];
-    else
-      files[rel].flags = flags;
+    Add(parent, path, isDirectory, isDirectory ? 0 : FlagsIndex(flags));
     return {};
+  }
+
+  // The names in directory rel, sorted; nothing when rel is no directory.
+  std::optional<std::vector<std::string>> Children(std::string_view rel) const {
+    std::shared_lock guard(lock);
+    const std::uint32_t at = Find(rel);
+    if (at == kNone || !nodes[at].isDirectory) return std::nullopt;
+    std::vector<std::string> names;
+    for (std::uint32_t c = nodes[at].firstChild; c != kNone; c = nodes[c].nextSibling) names.emplace_back(nodes[c].Name());
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  // Marks rel's file fetched or not; true when that changed its state.
+  bool SetCached(std::string_view rel, bool cached) {
+    std::unique_lock guard(lock);
+    const std::uint32_t at = Find(rel);
+    if (at == kNone || nodes[at].isDirectory || nodes[at].cached == cached) return false;
+    nodes[at].cached = cached;
+    return true;
   }
 
   // The files at or below rel; an io error when rel names nothing.
   Result<std::vector<std::string>> FilesAt(const std::string& rel, const Url& url) const {
     std::shared_lock guard(lock);
-    if (files.count(rel)) return std::vector<std::string>{rel};
-    if (!rel.empty() && !directories.count(rel)) return IoError("@ names no file or directory of the RAM disk.", url);
+    const std::uint32_t top = Find(rel);
+    if (top == kNone) return IoError("@ names no file or directory of the RAM disk.", url);
     std::vector<std::string> found;
-    std::vector<std::string> pending{rel};
+    std::vector<std::uint32_t> pending{top};
     while (!pending.empty()) {
-      const std::string dir = std::move(pending.back());
+      const Node& node = nodes[pending.back()];
       pending.pop_back();
-      auto it = directories.find(dir);
-      if (it == directories.end()) continue;
-      for (const std::string& name : it->second) {
-        const std::string child = dir.empty() ? name : dir + "/" + name;
-        (files.count(child) ? found : pending).push_back(child);
-      }
+      if (!node.isDirectory) found.emplace_back(node.path);
+      for (std::uint32_t c = node.firstChild; c != kNone; c = nodes[c].nextSibling) pending.push_back(c);
     }
     return found;
   }
@@ -183,13 +277,7 @@ Result<void> MakeMirrorDirectories(const std::string& root, const std::string& r
 }
 
 void MarkCached(RamDisk& disk, MountState& mount, const std::string& rel) {
-  bool changed = false;
-  {
-    std::unique_lock guard(mount.lock);
-    auto it = mount.files.find(rel);
-    if (it != mount.files.end() && !it->second.cached) changed = it->second.cached = true;
-  }
-  if (changed) disk.ObservableLoadIntoCacheChange().Notify(FileUrl(disk, rel), true);
+  if (mount.SetCached(rel, true)) disk.ObservableLoadIntoCacheChange().Notify(FileUrl(disk, rel), true);
 }
 
 // Fetches rel into the mirror unless it is there; returns the mirror path. Concurrent callers for
@@ -235,9 +323,8 @@ Result<std::string> EnsureMirrored(RamDisk& disk, MountState& mount, const std::
       Url remote = mount.remote.Append(PercentEncode(rel, "/")); // names escaped, separators kept
       {
         std::shared_lock guard(mount.lock);
-        auto it = mount.files.find(rel);
-        if (it != mount.files.end())
-          for (const auto& [key, value] : it->second.flags) remote.SetData(key, value);
+        if (const MountState::Node* node = mount.FindNode(rel); node && !node->isDirectory)
+          for (const auto& [key, value] : mount.flagTable[node->flags]) remote.SetData(key, value);
       }
       // Declared names are checked, so the path stays below the mirror root.
       result = MakeMirrorDirectories(root, rel);
@@ -315,18 +402,17 @@ public:
     auto mount = RamDiskAccess::GetMount(*at->disk);
     if (!mount) return RamDiskAccess::GetMemory(*at->disk).Detect(at->rel);
     std::shared_lock guard(mount->lock);
-    if (mount->files.count(at->rel)) return IODETECT::FILE;
-    return mount->directories.count(at->rel) ? IODETECT::DIRECTORY : IODETECT::NONE;
+    const MountState::Node* node = mount->FindNode(at->rel);
+    return !node ? IODETECT::NONE : node->isDirectory ? IODETECT::DIRECTORY : IODETECT::FILE;
   }
 
   Result<std::vector<Url>> IoBrowse(const Url& url) const override {
     KELVO_ASSIGN_OR_RETURN(Located at, Locate(url));
     std::vector<std::string> names;
     if (auto mount = RamDiskAccess::GetMount(*at.disk)) {
-      std::shared_lock guard(mount->lock);
-      auto it = mount->directories.find(at.rel);
-      if (it != mount->directories.end()) names.assign(it->second.begin(), it->second.end());
-      else if (!at.rel.empty()) return IoError("Can't list @: no such directory", url);
+      std::optional<std::vector<std::string>> children = mount->Children(at.rel);
+      if (!children) return IoError("Can't list @: no such directory", url);
+      names = std::move(*children);
     } else {
       MemoryFileTree& memory = RamDiskAccess::GetMemory(*at.disk);
       if (!at.rel.empty() && memory.Detect(at.rel) != IODETECT::DIRECTORY)
@@ -349,10 +435,8 @@ public:
     }
     {
       std::shared_lock guard(mount->lock);
-      if (!mount->files.count(at.rel))
-        return IoError(mount->directories.count(at.rel) || at.rel.empty() ? "Can't open @: it is a directory"
-                                                                           : "Can't open @: no such file",
-                       url);
+      if (const MountState::Node* node = mount->FindNode(at.rel); !node || node->isDirectory)
+        return IoError(node ? "Can't open @: it is a directory" : "Can't open @: no such file", url);
     }
     // A mirrored file removed between the check and the open is fetched again, once.
     for (int attempt = 0;; ++attempt) {
@@ -490,8 +574,8 @@ Result<void> RamDiskService::ChangeRamDiskMirrorPath(const Url& oldPath, const U
       const std::string& root = mount->mirrorRoot;
       if (root != from && !(root.starts_with(from) && (from == "/" || root[from.size()] == '/'))) continue;
       mount->mirrorRoot = to + root.substr(from.size());
-      for (auto& [rel, entry] : mount->files)
-        if (std::exchange(entry.cached, false)) dropped.push_back(rel);
+      for (MountState::Node& node : mount->nodes)
+        if (std::exchange(node.cached, false)) dropped.emplace_back(node.path);
     }
     for (const std::string& rel : dropped) disk->ObservableLoadIntoCacheChange().Notify(FileUrl(*disk, rel), false);
   }
@@ -559,9 +643,7 @@ Result<void> RamDiskService::DropFromCache(const Url& directoryUrl) {
     // Only a regular file is ours to remove; anything else in its place is never read either.
     if (Probe(path) == MirrorProbe::PRESENT && ::unlink(path.c_str()) != 0 && errno != ENOENT)
       return IoError("Can't remove mirror file @: @", path, ErrnoText());
-    std::unique_lock guard(mount->lock);
-    auto it = mount->files.find(rel);
-    if (it != mount->files.end() && std::exchange(it->second.cached, false)) dropped.push_back(rel);
+    if (mount->SetCached(rel, false)) dropped.push_back(rel);
   }
   for (const std::string& rel : dropped) at.disk->ObservableLoadIntoCacheChange().Notify(FileUrl(*at.disk, rel), false);
   return {};

@@ -152,16 +152,19 @@ Result<void> ReadDirectoryTree(const Url& listing, const RamDisk::DeclareFileDel
     if (line.size() < 3 || line[1] != '\t' || (line[0] != 'd' && line[0] != 'f'))
       return FileFormatError("@ is no directory tree listing (line @).", listing, number);
     const std::string_view path = std::string_view(line).substr(2);
-    components.clear();
+    // The component strings are reused from line to line, keeping their storage.
+    std::size_t count = 0;
     bool safe = true;
     for (std::size_t pos = 0; pos <= path.size();) {
       std::size_t next = path.find('/', pos);
       if (next == std::string_view::npos) next = path.size();
       const std::string_view part = path.substr(pos, next - pos);
       safe = safe && IsSafePathComponent(part);
-      components.emplace_back(part);
+      if (count == components.size()) components.emplace_back();
+      components[count++].assign(part);
       pos = next + 1;
     }
+    components.resize(count);
     if (!safe) {
       refused.push_back(std::string(path));
       continue;
