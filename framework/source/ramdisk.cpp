@@ -10,6 +10,7 @@
 #include <cstring>
 #include <map>
 #include <optional>
+#include <set>
 #include <shared_mutex>
 #include <unordered_map>
 
@@ -246,6 +247,10 @@ struct RamDiskAccess {
     std::lock_guard guard(disk._lock);
     return disk._fetcher;
   }
+  static RamDisk::MirrorCheck GetCheck(const RamDisk& disk) {
+    std::lock_guard guard(disk._lock);
+    return disk._check;
+  }
   static MemoryFileTree& GetMemory(RamDisk& disk) { return disk._memory; }
 };
 
@@ -276,8 +281,21 @@ Result<void> MakeMirrorDirectories(const std::string& root, const std::string& r
   return {};
 }
 
-void MarkCached(RamDisk& disk, MountState& mount, const std::string& rel) {
+// Marks rel fetched once its mirrored copy at path has passed the disk's check, the first time
+// in this process; a copy that fails is removed.
+Result<void> MarkCached(RamDisk& disk, MountState& mount, const std::string& rel, const std::string& path) {
+  {
+    std::shared_lock guard(mount.lock);
+    if (const MountState::Node* node = mount.FindNode(rel); !node || node->cached) return {};
+  }
+  if (RamDisk::MirrorCheck check = RamDiskAccess::GetCheck(disk)) {
+    if (Result<void> checked = check(FileUrl(disk, rel), Url::FromFile(path)); checked.HasError()) {
+      if (Probe(path) == MirrorProbe::PRESENT) ::unlink(path.c_str());
+      return checked.GetError();
+    }
+  }
   if (mount.SetCached(rel, true)) disk.ObservableLoadIntoCacheChange().Notify(FileUrl(disk, rel), true);
+  return {};
 }
 
 // Fetches rel into the mirror unless it is there; returns the mirror path. Concurrent callers for
@@ -291,7 +309,7 @@ Result<std::string> EnsureMirrored(RamDisk& disk, MountState& mount, const std::
     const MirrorProbe probe = Probe(path);
     if (probe == MirrorProbe::BLOCKED) return IoError("Can't read mirror file @: it is not a regular file", path);
     if (probe == MirrorProbe::PRESENT) {
-      MarkCached(disk, mount, rel);
+      KELVO_RETURN_ON_ERROR(MarkCached(disk, mount, rel, path));
       return path;
     }
     std::shared_ptr<FetchState> fetch;
@@ -351,7 +369,7 @@ Result<std::string> EnsureMirrored(RamDisk& disk, MountState& mount, const std::
     }
     fetch->done.notify_all();
     if (result.HasError()) return result.GetError();
-    MarkCached(disk, mount, rel);
+    KELVO_RETURN_ON_ERROR(MarkCached(disk, mount, rel, path));
     return path;
   }
 }
@@ -505,6 +523,11 @@ void RamDisk::SetHttpOptions(const HttpOptions& options) {
   _fetcher = std::move(fetcher);
 }
 
+void RamDisk::SetMirrorCheck(MirrorCheck check) {
+  std::lock_guard guard(_lock);
+  _check = std::move(check);
+}
+
 Result<RamDisk::DeclareFileDelegate> RamDisk::Mount(const Url& remoteUrl, const Url& mirrorDirectory) {
   KELVO_RETURN_ON_ERROR(HttpFetcher::ToRequestText(remoteUrl));
   if (mirrorDirectory.GetScheme() != "file" || mirrorDirectory.GetPath().empty())
@@ -646,6 +669,27 @@ Result<void> RamDiskService::DropFromCache(const Url& directoryUrl) {
     if (mount->SetCached(rel, false)) dropped.push_back(rel);
   }
   for (const std::string& rel : dropped) at.disk->ObservableLoadIntoCacheChange().Notify(FileUrl(*at.disk, rel), false);
+  return {};
+}
+
+Result<void> RamDiskService::SyncMirrors() {
+  std::vector<RamDiskRef> disks;
+  {
+    auto& t = Disks();
+    std::lock_guard guard(t.lock);
+    for (const auto& [name, disk] : t.disks) disks.push_back(disk);
+  }
+  std::set<std::string> roots;
+  for (const RamDiskRef& disk : disks)
+    if (auto mount = RamDiskAccess::GetMount(*disk)) roots.insert(mount->MirrorRoot());
+  for (const std::string& root : roots) {
+    const int fd = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) continue;  // no mirror yet: nothing to sync
+    const int synced = ::syncfs(fd);
+    const int error = errno;
+    ::close(fd);
+    if (synced != 0) return IoError("Can't sync the mirror @: @", root, std::strerror(error));
+  }
   return {};
 }
 

@@ -45,6 +45,8 @@ public:
       std::function<Result<void>(const std::vector<std::string>& components, const DataDictionary& flags)>;
   // Bytes done and bytes in all; an error stops the transfer and becomes its result.
   using LoadProgressDelegate = std::function<Result<void>(std::uint64_t done, std::uint64_t total)>;
+  // Checks the mirrored copy (a "file" URL) of a declared file (its "ramdisk" URL).
+  using MirrorCheck = std::function<Result<void>(const Url& file, const Url& mirrored)>;
 
   explicit RamDisk(std::string name);
   RamDisk(const RamDisk&) = delete;
@@ -60,6 +62,10 @@ public:
   Result<DeclareFileDelegate> Mount(const Url& remoteUrl, const Url& mirrorDirectory);
   // The transfer settings of later fetches (tests use short time-outs).
   void SetHttpOptions(const HttpOptions& options);
+  // Runs check on each mirrored file before it is first served in this process: after its fetch,
+  // or when an earlier process left it in the mirror (which a crash may have left torn). An error
+  // removes the copy, so the next read fetches it again, and is the read's error. Null: none.
+  void SetMirrorCheck(MirrorCheck check);
 
   // Fires with a file's URL and true when the file has been fetched into the mirror, and with
   // false when the mirror was dropped or moved. Called on the thread that made the change.
@@ -73,6 +79,7 @@ private:
   mutable std::mutex _lock; // guards _mount and _fetcher
   std::shared_ptr<MountState> _mount; // null for an in-memory disk
   std::shared_ptr<HttpFetcher> _fetcher;
+  MirrorCheck _check;
   MemoryFileTree _memory;
   Observable<Url, bool> _loadIntoCacheChange;
 };
@@ -104,6 +111,9 @@ public:
   // fetched (a download that failed its check is not kept). Nothing for an in-memory disk. An io
   // error for a URL that names nothing or a copy that can't be removed. Any thread.
   static Result<void> DropFromCache(const Url& directoryUrl);
+  // Makes what the mirrors hold durable: one file system sync for each mirror, so fetches made
+  // without a sync of their own (HttpOptions::syncFiles off) are on the disk when it returns.
+  static Result<void> SyncMirrors();
 };
 
 // Registers the handler for "ramdisk"; calling it again does nothing.

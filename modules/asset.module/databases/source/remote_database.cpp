@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "asset/core/asset_config.h"
+#include "asset/core/content_digest.h"
 #include "asset/databases/asset_databases.h"
 #include "asset/databases/remote_databases.h"
 #include "asset/storage/url_layout.h"
@@ -31,10 +32,19 @@ namespace {
 // modified.dat is a few dozen bytes; anything much larger is not one.
 constexpr std::uint64_t kMaxModifiedBytes = 64 * 1024;
 
+// The files of a mirror are fetched without a sync each: a download syncs the mirrors once when
+// it ends, and a copy torn by a crash before that is caught by MirrorCheck before it is served.
+HttpOptions DefaultOptions() {
+  HttpOptions options;
+  options.syncFiles = false;
+  return options;
+}
+
 struct RemoteState {
   std::mutex lock;
-  HttpOptions options;
-  std::shared_ptr<HttpFetcher> fetcher = std::make_shared<HttpFetcher>();
+  HttpOptions options = DefaultOptions();
+  std::shared_ptr<HttpFetcher> fetcher = std::make_shared<HttpFetcher>(options);
+  std::shared_ptr<HttpFetcher> indexFetcher;  // made on first use
   // The observer token of each RAM disk whose notifications go to a repository, by disk name.
   std::unordered_map<std::string, std::pair<std::weak_ptr<RamDisk>, Observable<Url, bool>::Token>> connections;
 };
@@ -48,6 +58,18 @@ std::shared_ptr<HttpFetcher> Fetcher() {
   RemoteState& s = Remote();
   std::lock_guard guard(s.lock);
   return s.fetcher;
+}
+
+// The local index is the one file that nothing checks when it is read, so it is always synced.
+std::shared_ptr<HttpFetcher> IndexFetcher() {
+  RemoteState& s = Remote();
+  std::lock_guard guard(s.lock);
+  if (!s.indexFetcher) {
+    HttpOptions synced = s.options;
+    synced.syncFiles = true;
+    s.indexFetcher = std::make_shared<HttpFetcher>(synced);
+  }
+  return s.indexFetcher;
 }
 
 HttpOptions Options() {
@@ -90,6 +112,31 @@ Result<std::optional<std::int64_t>> ParseModified(const std::string& text, const
   return std::optional<std::int64_t>((*first)["modified"].get<std::int64_t>());
 }
 
+// The check of the RAM disk's mirror: a version's content is compared with the version Id in
+// its "hash" file before its first use in a process. So content torn by a crash during an earlier
+// download, or damaged on the way, is not served. Other files pass.
+Result<void> CheckMirroredContent(const Url& file, const Url& mirrored) {
+  const std::string name = file.GetName();
+  if (name != "asset" && !name.starts_with("asset.")) return {};
+  const Url versionDir = file.GetDirectory();
+  const std::optional<VersionDirectoryName> version = ParseVersionDirectoryName(versionDir.GetName());
+  if (!version || version->deleted) return {};
+  std::string expected = version->versionId;
+  if (expected.empty()) {
+    // Read through the disk: fetched alongside when it isn't mirrored yet.
+    Result<std::string> text = versionDir.Append("hash").ReadAll();
+    if (text.HasError()) return {};  // nothing to compare with: the repository can't read the version either
+    expected = std::move(*text);
+    while (!expected.empty() && (expected.back() == '\n' || expected.back() == '\r')) expected.pop_back();
+  }
+  if (expected.size() != HASH_LEN) return {};  // an older form of Id, not a SHA-256
+  KELVO_ASSIGN_OR_RETURN(const Digest digest, HashContent(mirrored, Url()));
+  const std::string actual = DigestToHex(digest);
+  if (actual == expected) return {};
+  return FileFormatError("The content of @ does not match its version Id @ (its SHA-256 is @); it was not kept.",
+                         file, expected, actual);
+}
+
 std::string FormatTime(std::int64_t value) {
   return UniversalDateTime::FromValue(static_cast<std::uint64_t>(value)).FormatLocal("%Y-%m-%d %H:%M:%S");
 }
@@ -117,6 +164,7 @@ void SetRemoteDatabaseHttpOptions(const HttpOptions& options) {
   std::lock_guard guard(s.lock);
   s.options = options;
   s.fetcher = std::make_shared<HttpFetcher>(options);
+  s.indexFetcher = nullptr;
 }
 
 Url ReadAssetDatabaseCachePath() {
@@ -255,6 +303,7 @@ Url PrepareRemoteDatabase(const Url& databaseUrl, const BackgroundEntryRef& prog
     disk = *created;
   }
   disk->SetHttpOptions(Options());
+  disk->SetMirrorCheck(CheckMirroredContent);
   Result<RamDisk::DeclareFileDelegate> declare = disk->Mount(url, dir);
   if (declare.HasError()) return skip(declare.GetError());
 
@@ -265,7 +314,7 @@ Url PrepareRemoteDatabase(const Url& databaseUrl, const BackgroundEntryRef& prog
   if (read.HasError()) {
     // No usable local copy: the server's, read afresh on a clean mount.
     const Url remoteIndex = NoProxyCaching(url.Append("_index/index.dat"));
-    if (Result<std::uint64_t> copied = fetcher->FetchToFile(remoteIndex, localIndex); copied.HasError())
+    if (Result<std::uint64_t> copied = IndexFetcher()->FetchToFile(remoteIndex, localIndex); copied.HasError())
       return skip(copied.GetError());
     declare = disk->Mount(url, dir);
     if (declare.HasError()) return skip(declare.GetError());

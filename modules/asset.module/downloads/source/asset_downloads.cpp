@@ -192,13 +192,24 @@ Result<void> RunJob(AssetKey key, const std::weak_ptr<const AssetDescriptionInte
     if (Result<void> r = download(); r.HasError() && !r.GetError().Is(errors::OperationCancelledError))
       DiagnosticOutput("Error executing job: @", r.GetError().GetMessage()); // the message holds the cause
   }
-  std::shared_ptr<JobQueue> released;
+  bool last = false;
   {
     std::lock_guard guard(m.lock);
     if (auto it = m.jobs.find(key); it != m.jobs.end()) {
       m.settledBytes += it->second.size;
       m.jobs.erase(it);
     }
+    last = m.jobs.empty();
+  }
+  // Files are fetched without a sync each; the last job syncs the mirrors once for all of them
+  // before the download counts as done. (A copy torn by a crash before this point fails the
+  // check against its version Id on its next read, and is fetched again.)
+  if (last)
+    if (Result<void> synced = RamDiskService::SyncMirrors(); synced.HasError())
+      WarningOutput("Downloaded files may not be on the disk yet: @", synced.GetError());
+  std::shared_ptr<JobQueue> released;
+  {
+    std::lock_guard guard(m.lock);
     released = SettleIfIdleLocked(m, IsCurrentJobCancelled());
   }
   // On its own worker the pool detaches this thread, which ends after this job.
