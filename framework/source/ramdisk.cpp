@@ -78,6 +78,7 @@ struct RamDisk::MountState {
     std::uint32_t flags = 0;  // index into flagTable, for files
     bool isDirectory = true;
     bool cached = false;  // fetched or seen in the mirror since the last drop, for notifications
+    bool checked = false; // the copy passed CheckMirroredFile since
     std::string_view Name() const { return path.substr(path.rfind('/') + 1); }
   };
 
@@ -217,7 +218,17 @@ struct RamDisk::MountState {
     const std::uint32_t at = Find(rel);
     if (at == kNone || nodes[at].isDirectory || nodes[at].cached == cached) return false;
     nodes[at].cached = cached;
+    nodes[at].checked = false;
     return true;
+  }
+  bool IsChecked(std::string_view rel) const {
+    std::shared_lock guard(lock);
+    const Node* node = FindNode(rel);
+    return node && node->checked;
+  }
+  void SetChecked(std::string_view rel, bool checked) {
+    std::unique_lock guard(lock);
+    if (const std::uint32_t at = Find(rel); at != kNone) nodes[at].checked = checked;
   }
 
   // The files at or below rel; an io error when rel names nothing.
@@ -247,10 +258,7 @@ struct RamDiskAccess {
     std::lock_guard guard(disk._lock);
     return disk._fetcher;
   }
-  static RamDisk::MirrorCheck GetCheck(const RamDisk& disk) {
-    std::lock_guard guard(disk._lock);
-    return disk._check;
-  }
+
   static MemoryFileTree& GetMemory(RamDisk& disk) { return disk._memory; }
 };
 
@@ -281,21 +289,8 @@ Result<void> MakeMirrorDirectories(const std::string& root, const std::string& r
   return {};
 }
 
-// Marks rel fetched once its mirrored copy at path has passed the disk's check, the first time
-// in this process; a copy that fails is removed.
-Result<void> MarkCached(RamDisk& disk, MountState& mount, const std::string& rel, const std::string& path) {
-  {
-    std::shared_lock guard(mount.lock);
-    if (const MountState::Node* node = mount.FindNode(rel); !node || node->cached) return {};
-  }
-  if (RamDisk::MirrorCheck check = RamDiskAccess::GetCheck(disk)) {
-    if (Result<void> checked = check(FileUrl(disk, rel), Url::FromFile(path)); checked.HasError()) {
-      if (Probe(path) == MirrorProbe::PRESENT) ::unlink(path.c_str());
-      return checked.GetError();
-    }
-  }
+void MarkCached(RamDisk& disk, MountState& mount, const std::string& rel) {
   if (mount.SetCached(rel, true)) disk.ObservableLoadIntoCacheChange().Notify(FileUrl(disk, rel), true);
-  return {};
 }
 
 // Fetches rel into the mirror unless it is there; returns the mirror path. Concurrent callers for
@@ -309,7 +304,7 @@ Result<std::string> EnsureMirrored(RamDisk& disk, MountState& mount, const std::
     const MirrorProbe probe = Probe(path);
     if (probe == MirrorProbe::BLOCKED) return IoError("Can't read mirror file @: it is not a regular file", path);
     if (probe == MirrorProbe::PRESENT) {
-      KELVO_RETURN_ON_ERROR(MarkCached(disk, mount, rel, path));
+      MarkCached(disk, mount, rel);
       return path;
     }
     std::shared_ptr<FetchState> fetch;
@@ -369,7 +364,8 @@ Result<std::string> EnsureMirrored(RamDisk& disk, MountState& mount, const std::
     }
     fetch->done.notify_all();
     if (result.HasError()) return result.GetError();
-    KELVO_RETURN_ON_ERROR(MarkCached(disk, mount, rel, path));
+    mount.SetChecked(rel, false);  // a new copy
+    MarkCached(disk, mount, rel);
     return path;
   }
 }
@@ -523,11 +519,6 @@ void RamDisk::SetHttpOptions(const HttpOptions& options) {
   _fetcher = std::move(fetcher);
 }
 
-void RamDisk::SetMirrorCheck(MirrorCheck check) {
-  std::lock_guard guard(_lock);
-  _check = std::move(check);
-}
-
 Result<RamDisk::DeclareFileDelegate> RamDisk::Mount(const Url& remoteUrl, const Url& mirrorDirectory) {
   KELVO_RETURN_ON_ERROR(HttpFetcher::ToRequestText(remoteUrl));
   if (mirrorDirectory.GetScheme() != "file" || mirrorDirectory.GetPath().empty())
@@ -598,7 +589,10 @@ Result<void> RamDiskService::ChangeRamDiskMirrorPath(const Url& oldPath, const U
       if (root != from && !(root.starts_with(from) && (from == "/" || root[from.size()] == '/'))) continue;
       mount->mirrorRoot = to + root.substr(from.size());
       for (MountState::Node& node : mount->nodes)
-        if (std::exchange(node.cached, false)) dropped.emplace_back(node.path);
+        if (std::exchange(node.cached, false)) {
+          node.checked = false;
+          dropped.emplace_back(node.path);
+        }
     }
     for (const std::string& rel : dropped) disk->ObservableLoadIntoCacheChange().Notify(FileUrl(*disk, rel), false);
   }
@@ -689,6 +683,27 @@ Result<void> RamDiskService::SyncMirrors() {
     const int error = errno;
     ::close(fd);
     if (synced != 0) return IoError("Can't sync the mirror @: @", root, std::strerror(error));
+  }
+  return {};
+}
+
+Result<void> RamDiskService::CheckMirroredFile(const Url& url, const RamDisk::MirrorCheck& check) {
+  KELVO_ASSIGN_OR_RETURN(Located at, Locate(url));
+  auto mount = RamDiskAccess::GetMount(*at.disk);
+  if (!mount || !check) return {};
+  if (!mount->IsChecked(at.rel)) {
+    {
+      std::shared_lock guard(mount->lock);
+      if (const MountState::Node* node = mount->FindNode(at.rel); !node || node->isDirectory)
+        return IoError(node ? "Can't check @: it is a directory" : "Can't check @: no such file", url);
+    }
+    KELVO_ASSIGN_OR_RETURN(const std::string path, EnsureMirrored(*at.disk, *mount, at.rel));
+    if (Result<void> checked = check(url, Url::FromFile(path)); checked.HasError()) {
+      if (Probe(path) == MirrorProbe::PRESENT) ::unlink(path.c_str());
+      if (mount->SetCached(at.rel, false)) at.disk->ObservableLoadIntoCacheChange().Notify(url, false);
+      return checked.GetError();
+    }
+    mount->SetChecked(at.rel, true);
   }
   return {};
 }

@@ -62,10 +62,6 @@ public:
   Result<DeclareFileDelegate> Mount(const Url& remoteUrl, const Url& mirrorDirectory);
   // The transfer settings of later fetches (tests use short time-outs).
   void SetHttpOptions(const HttpOptions& options);
-  // Runs check on each mirrored file before it is first served in this process: after its fetch,
-  // or when an earlier process left it in the mirror (which a crash may have left torn). An error
-  // removes the copy, so the next read fetches it again, and is the read's error. Null: none.
-  void SetMirrorCheck(MirrorCheck check);
 
   // Fires with a file's URL and true when the file has been fetched into the mirror, and with
   // false when the mirror was dropped or moved. Called on the thread that made the change.
@@ -79,7 +75,6 @@ private:
   mutable std::mutex _lock; // guards _mount and _fetcher
   std::shared_ptr<MountState> _mount; // null for an in-memory disk
   std::shared_ptr<HttpFetcher> _fetcher;
-  MirrorCheck _check;
   MemoryFileTree _memory;
   Observable<Url, bool> _loadIntoCacheChange;
 };
@@ -114,6 +109,11 @@ public:
   // Makes what the mirrors hold durable: one file system sync for each mirror, so fetches made
   // without a sync of their own (HttpOptions::syncFiles off) are on the disk when it returns.
   static Result<void> SyncMirrors();
+  // Fetches the file at url when it isn't mirrored yet, then runs check on its copy unless the copy
+  // has passed a check since this process fetched it or found it in the mirror (where a crash may
+  // have left it torn). A failed check removes the copy, so the next read fetches it again, and is
+  // the result. Nothing is checked on an in-memory disk. Any thread.
+  static Result<void> CheckMirroredFile(const Url& url, const RamDisk::MirrorCheck& check);
 };
 
 // Registers the handler for "ramdisk"; calling it again does nothing.

@@ -15,7 +15,6 @@
 #include <nlohmann/json.hpp>
 
 #include "asset/core/asset_config.h"
-#include "asset/core/content_digest.h"
 #include "asset/databases/asset_databases.h"
 #include "asset/databases/remote_databases.h"
 #include "asset/storage/url_layout.h"
@@ -33,7 +32,8 @@ namespace {
 constexpr std::uint64_t kMaxModifiedBytes = 64 * 1024;
 
 // The files of a mirror are fetched without a sync each: a download syncs the mirrors once when
-// it ends, and a copy torn by a crash before that is caught by MirrorCheck before it is served.
+// it ends, and content torn by a crash before that fails the check against its version Id when
+// it is read.
 HttpOptions DefaultOptions() {
   HttpOptions options;
   options.syncFiles = false;
@@ -110,31 +110,6 @@ Result<std::optional<std::int64_t>> ParseModified(const std::string& text, const
   if (!first->is_object() || !first->contains("modified") || !(*first)["modified"].is_number_integer())
     return FileFormatError("@ holds no modification time.", source);
   return std::optional<std::int64_t>((*first)["modified"].get<std::int64_t>());
-}
-
-// The check of the RAM disk's mirror: a version's content is compared with the version Id in
-// its "hash" file before its first use in a process. So content torn by a crash during an earlier
-// download, or damaged on the way, is not served. Other files pass.
-Result<void> CheckMirroredContent(const Url& file, const Url& mirrored) {
-  const std::string name = file.GetName();
-  if (name != "asset" && !name.starts_with("asset.")) return {};
-  const Url versionDir = file.GetDirectory();
-  const std::optional<VersionDirectoryName> version = ParseVersionDirectoryName(versionDir.GetName());
-  if (!version || version->deleted) return {};
-  std::string expected = version->versionId;
-  if (expected.empty()) {
-    // Read through the disk: fetched alongside when it isn't mirrored yet.
-    Result<std::string> text = versionDir.Append("hash").ReadAll();
-    if (text.HasError()) return {};  // nothing to compare with: the repository can't read the version either
-    expected = std::move(*text);
-    while (!expected.empty() && (expected.back() == '\n' || expected.back() == '\r')) expected.pop_back();
-  }
-  if (expected.size() != HASH_LEN) return {};  // an older form of Id, not a SHA-256
-  KELVO_ASSIGN_OR_RETURN(const Digest digest, HashContent(mirrored, Url()));
-  const std::string actual = DigestToHex(digest);
-  if (actual == expected) return {};
-  return FileFormatError("The content of @ does not match its version Id @ (its SHA-256 is @); it was not kept.",
-                         file, expected, actual);
 }
 
 std::string FormatTime(std::int64_t value) {
@@ -303,7 +278,6 @@ Url PrepareRemoteDatabase(const Url& databaseUrl, const BackgroundEntryRef& prog
     disk = *created;
   }
   disk->SetHttpOptions(Options());
-  disk->SetMirrorCheck(CheckMirroredContent);
   Result<RamDisk::DeclareFileDelegate> declare = disk->Mount(url, dir);
   if (declare.HasError()) return skip(declare.GetError());
 
