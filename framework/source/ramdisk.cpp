@@ -72,7 +72,6 @@ struct RamDisk::MountState {
   static constexpr std::uint32_t kNone = ~std::uint32_t(0);
   struct Node {
     std::string_view path;  // relative to the root, in the arena; "" for the root
-    std::uint32_t parent = kNone;
     std::uint32_t firstChild = kNone;
     std::uint32_t nextSibling = kNone;
     std::uint32_t flags = 0;  // index into flagTable, for files
@@ -114,10 +113,6 @@ struct RamDisk::MountState {
     const Node* node = FindNode(rel);
     return node && !node->isDirectory;
   }
-  bool IsDirectory(std::string_view rel) const {
-    const Node* node = FindNode(rel);
-    return node && node->isDirectory;
-  }
 
   std::uint32_t FlagsIndex(const DataDictionary& flags) {
     for (std::size_t i = 0; i < flagTable.size(); ++i)
@@ -130,7 +125,6 @@ struct RamDisk::MountState {
   std::uint32_t Add(std::uint32_t parent, std::string_view rel, bool isDirectory, std::uint32_t flags) {
     Node node;
     node.path = KeepPath(rel);
-    node.parent = parent;
     node.isDirectory = isDirectory;
     node.flags = flags;
     node.nextSibling = nodes[parent].firstChild;
@@ -167,11 +161,9 @@ struct RamDisk::MountState {
     std::unique_lock guard(lock);
     if (const std::uint32_t known = Find(rel); known != kNone) {
       Node& node = nodes[known];
-      if (node.isDirectory != isDirectory)
-      {
-        if (isDirectory) return IllegalArgumentError("Can't declare @: @ is a file", rel, rel);
+      if (node.isDirectory && !isDirectory)
         return IllegalArgumentError("Can't declare @: a directory of that name exists", rel);
-      }
+      if (!node.isDirectory && isDirectory) return IllegalArgumentError("Can't declare @: @ is a file", rel, rel);
       if (!isDirectory) node.flags = FlagsIndex(flags);
       return {};
     }
@@ -258,7 +250,6 @@ struct RamDiskAccess {
     std::lock_guard guard(disk._lock);
     return disk._fetcher;
   }
-
   static MemoryFileTree& GetMemory(RamDisk& disk) { return disk._memory; }
 };
 
