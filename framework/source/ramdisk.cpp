@@ -92,6 +92,7 @@ struct RamDisk::MountState {
 
   std::mutex fetchesLock;
   std::unordered_map<std::string, std::shared_ptr<FetchState>> fetches; // by relative path
+  bool unsynced = false; // LoadIntoCache fetched since the last SyncMirrors; under fetchesLock
 
   std::string MirrorRoot() const {
     std::shared_lock guard(lock);
@@ -631,6 +632,10 @@ Result<void> RamDiskService::LoadIntoCache(const Url& directoryUrl, const RamDis
       return report(reported, total);
     };
     KELVO_ASSIGN_OR_RETURN(const std::string path, EnsureMirrored(*at.disk, *mount, rel, fileProgress));
+    {
+      std::lock_guard guard(mount->fetchesLock);
+      mount->unsynced = true;
+    }
     std::uint64_t size = 0;
     Probe(path, &size);
     total = total - announced + size;
@@ -665,11 +670,17 @@ Result<void> RamDiskService::SyncMirrors() {
     for (const auto& [name, disk] : t.disks) disks.push_back(disk);
   }
   std::set<std::string> roots;
-  for (const RamDiskRef& disk : disks)
-    if (auto mount = RamDiskAccess::GetMount(*disk)) roots.insert(mount->MirrorRoot());
+  for (const RamDiskRef& disk : disks) {
+    if (auto mount = RamDiskAccess::GetMount(*disk)) {
+      std::lock_guard guard(mount->fetchesLock);
+      if (std::exchange(mount->unsynced, false)) roots.insert(mount->MirrorRoot());
+    }
+  }
+  // One sync of the file system: syncing each file or directory on its own waits for a journal
+  // commit each, seconds for a thousand files.
   for (const std::string& root : roots) {
     const int fd = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) continue;  // no mirror yet: nothing to sync
+    if (fd < 0) continue;  // gone (cleared): nothing to sync
     const int synced = ::syncfs(fd);
     const int error = errno;
     ::close(fd);

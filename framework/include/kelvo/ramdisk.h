@@ -106,8 +106,9 @@ public:
   // fetched (a download that failed its check is not kept). Nothing for an in-memory disk. An io
   // error for a URL that names nothing or a copy that can't be removed. Any thread.
   static Result<void> DropFromCache(const Url& directoryUrl);
-  // Makes what the mirrors hold durable: one file system sync for each mirror, so fetches made
-  // without a sync of their own (HttpOptions::syncFiles off) are on the disk when it returns.
+  // Makes the files that LoadIntoCache fetched since the last call durable with one sync of the
+  // file system of each mirror that got some, so that a batch fetched without a sync per file
+  // (HttpOptions::syncFiles off) is on the disk when it returns. Any thread.
   static Result<void> SyncMirrors();
   // Fetches the file at url when it isn't mirrored yet, then runs check on its copy unless the copy
   // has passed a check since this process fetched it or found it in the mirror (where a crash may

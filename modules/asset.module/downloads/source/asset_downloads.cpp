@@ -10,6 +10,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "asset/core/asset_config.h"
 #include "asset/core/content_digest.h"
 #include "asset/standard/assets.h"
 #include "asset/types/category_asset.h"
@@ -214,9 +215,13 @@ Result<void> RunJob(AssetKey key, const std::weak_ptr<const AssetDescriptionInte
   // Files are fetched without a sync each; the last job syncs the mirrors once for all of them
   // before the download counts as done. (A copy torn by a crash before this point fails the
   // check against its version Id on its next read, and is fetched again.)
-  if (last)
+  if (last) {
+    const Clock::time_point start = Clock::now();
     if (Result<void> synced = RamDiskService::SyncMirrors(); synced.HasError())
       WarningOutput("Downloaded files may not be on the disk yet: @", synced.GetError());
+    if (g_assetDiagnostic)
+      DiagnosticOutput("Downloaded files synced in @ s", std::chrono::duration<double>(Clock::now() - start).count());
+  }
   std::shared_ptr<JobQueue> released;
   {
     std::lock_guard guard(m.lock);
