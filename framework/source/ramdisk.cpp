@@ -15,23 +15,11 @@
 #include <unordered_map>
 
 #include "kelvo/job_queue.h"
+#include "ramdisk_tree.h"
 
 namespace kelvo {
 
 namespace {
-
-// Longer names would fail in the mirror's file system with a less helpful error.
-constexpr std::size_t kMaxComponentLength = 255;
-constexpr std::size_t kMaxPathLength = 4000;
-
-Result<void> CheckComponent(std::string_view c, std::string_view whole) {
-  if (c.empty() || c == "." || c == "..")
-    return IllegalArgumentError("Refused RAM disk path @: empty, \".\" or \"..\" component", whole);
-  if (c.find('/') != std::string_view::npos || c.find('\0') != std::string_view::npos)
-    return IllegalArgumentError("Refused RAM disk path @: \"/\" or NUL inside a name", whole);
-  if (c.size() > kMaxComponentLength) return IllegalArgumentError("Refused RAM disk path @: name too long", whole);
-  return {};
-}
 
 std::string Join(const std::vector<std::string>& components) {
   std::string path;
@@ -64,31 +52,11 @@ MirrorProbe Probe(const std::string& path, std::uint64_t* size = nullptr) {
 
 } // namespace
 
-// The declared tree of a mounted disk. A large database declares hundreds of thousands of
-// entries at each start, so a declaration costs one or two hash look-ups and no allocation of
-// its own: paths live in a shared text arena, nodes in one vector linked by index, and the URL
-// flags, which are the same for almost every file, are kept once each.
 struct RamDisk::MountState {
-  static constexpr std::uint32_t kNone = ~std::uint32_t(0);
-  struct Node {
-    std::string_view path;  // relative to the root, in the arena; "" for the root
-    std::uint32_t firstChild = kNone;
-    std::uint32_t nextSibling = kNone;
-    std::uint32_t flags = 0;  // index into flagTable, for files
-    bool isDirectory = true;
-    bool cached = false;  // fetched or seen in the mirror since the last drop, for notifications
-    bool checked = false; // the copy passed CheckMirroredFile since
-    std::string_view Name() const { return path.substr(path.rfind('/') + 1); }
-  };
-
   Url remote;
-  mutable std::shared_mutex lock; // guards the fields below
+  RamDiskTree tree;
+  mutable std::shared_mutex lock; // guards mirrorRoot
   std::string mirrorRoot;         // a local path without a trailing "/"
-  std::vector<Node> nodes{Node{}}; // [0] is the root
-  std::unordered_map<std::string_view, std::uint32_t> byPath;
-  std::vector<DataDictionary> flagTable{DataDictionary()};
-  std::vector<std::unique_ptr<char[]>> arena;  // chunks of path text
-  std::size_t arenaLeft = 0, lastChunkSize = 0;
 
   std::mutex fetchesLock;
   std::unordered_map<std::string, std::shared_ptr<FetchState>> fetches; // by relative path
@@ -99,146 +67,6 @@ struct RamDisk::MountState {
     return mirrorRoot;
   }
   std::string MirrorPath(const std::string& rel) const { return MirrorRoot() + "/" + rel; }
-
-  // The node of rel, or kNone. REQUIRES: lock held.
-  std::uint32_t Find(std::string_view rel) const {
-    if (rel.empty()) return 0;
-    auto it = byPath.find(rel);
-    return it == byPath.end() ? kNone : it->second;
-  }
-  const Node* FindNode(std::string_view rel) const {
-    const std::uint32_t at = Find(rel);
-    return at == kNone ? nullptr : &nodes[at];
-  }
-  bool IsFile(std::string_view rel) const {
-    const Node* node = FindNode(rel);
-    return node && !node->isDirectory;
-  }
-
-  std::uint32_t FlagsIndex(const DataDictionary& flags) {
-    for (std::size_t i = 0; i < flagTable.size(); ++i)
-      if (flagTable[i] == flags) return static_cast<std::uint32_t>(i);
-    flagTable.push_back(flags);
-    return static_cast<std::uint32_t>(flagTable.size() - 1);
-  }
-
-  // Adds a node below parent. REQUIRES: lock held for writing, rel not known.
-  std::uint32_t Add(std::uint32_t parent, std::string_view rel, bool isDirectory, std::uint32_t flags) {
-    Node node;
-    node.path = KeepPath(rel);
-    node.isDirectory = isDirectory;
-    node.flags = flags;
-    node.nextSibling = nodes[parent].firstChild;
-    const auto at = static_cast<std::uint32_t>(nodes.size());
-    nodes.push_back(node);
-    nodes[parent].firstChild = at;
-    byPath.emplace(nodes[at].path, at);
-    return at;
-  }
-  std::string_view KeepPath(std::string_view text) {
-    constexpr std::size_t kChunk = 1 << 20;
-    if (text.size() > arenaLeft) {
-      lastChunkSize = std::max(kChunk, text.size());
-      arena.push_back(std::make_unique<char[]>(lastChunkSize));
-      arenaLeft = lastChunkSize;
-    }
-    char* at = arena.back().get() + (lastChunkSize - arenaLeft);
-    std::memcpy(at, text.data(), text.size());
-    arenaLeft -= text.size();
-    return std::string_view(at, text.size());
-  }
-
-  Result<void> Declare(const std::vector<std::string>& components, const DataDictionary& flags) {
-    if (components.empty()) return IllegalArgumentError("Refused RAM disk file without a name");
-    thread_local std::string rel;
-    rel.clear();
-    for (const auto& c : components) {
-      if (!rel.empty()) rel += '/';
-      rel += c;
-    }
-    for (const auto& c : components) KELVO_RETURN_ON_ERROR(CheckComponent(c, rel));
-    if (rel.size() > kMaxPathLength) return IllegalArgumentError("Refused RAM disk path @: too long", rel);
-    const bool isDirectory = flags.Get<bool>(urlkeys::ramdisk_directory).value_or(false);
-    std::unique_lock guard(lock);
-    if (const std::uint32_t known = Find(rel); known != kNone) {
-      Node& node = nodes[known];
-      if (node.isDirectory && !isDirectory)
-        return IllegalArgumentError("Can't declare @: a directory of that name exists", rel);
-      if (!node.isDirectory && isDirectory) return IllegalArgumentError("Can't declare @: @ is a file", rel, rel);
-      if (!isDirectory) node.flags = FlagsIndex(flags);
-      return {};
-    }
-    // Listings name a directory before what it holds, so the parent is usually known and only
-    // the last name is new.
-    const std::string_view path(rel);
-    const std::size_t cut = path.size() - components.back().size();
-    std::uint32_t parent = Find(cut ? path.substr(0, cut - 1) : std::string_view());
-    if (parent != kNone && !nodes[parent].isDirectory)
-      return IllegalArgumentError("Can't declare @: @ is a file", rel, path.substr(0, cut - 1));
-    if (parent == kNone) {
-      std::size_t end = 0;
-      for (std::size_t i = 0; i + 1 < components.size(); ++i) {
-        end += (i ? 1 : 0) + components[i].size();
-        if (IsFile(path.substr(0, end))) return IllegalArgumentError("Can't declare @: @ is a file", rel, path.substr(0, end));
-      }
-      // Only now that nothing can fail is the tree changed.
-      parent = 0;
-      end = 0;
-      for (std::size_t i = 0; i + 1 < components.size(); ++i) {
-        end += (i ? 1 : 0) + components[i].size();
-        const std::uint32_t known = Find(path.substr(0, end));
-        parent = known != kNone ? known : Add(parent, path.substr(0, end), true, 0);
-      }
-    }
-    Add(parent, path, isDirectory, isDirectory ? 0 : FlagsIndex(flags));
-    return {};
-  }
-
-  // The names in directory rel, sorted; nothing when rel is no directory.
-  std::optional<std::vector<std::string>> Children(std::string_view rel) const {
-    std::shared_lock guard(lock);
-    const std::uint32_t at = Find(rel);
-    if (at == kNone || !nodes[at].isDirectory) return std::nullopt;
-    std::vector<std::string> names;
-    for (std::uint32_t c = nodes[at].firstChild; c != kNone; c = nodes[c].nextSibling) names.emplace_back(nodes[c].Name());
-    std::sort(names.begin(), names.end());
-    return names;
-  }
-
-  // Marks rel's file fetched or not; true when that changed its state.
-  bool SetCached(std::string_view rel, bool cached) {
-    std::unique_lock guard(lock);
-    const std::uint32_t at = Find(rel);
-    if (at == kNone || nodes[at].isDirectory || nodes[at].cached == cached) return false;
-    nodes[at].cached = cached;
-    nodes[at].checked = false;
-    return true;
-  }
-  bool IsChecked(std::string_view rel) const {
-    std::shared_lock guard(lock);
-    const Node* node = FindNode(rel);
-    return node && node->checked;
-  }
-  void SetChecked(std::string_view rel, bool checked) {
-    std::unique_lock guard(lock);
-    if (const std::uint32_t at = Find(rel); at != kNone) nodes[at].checked = checked;
-  }
-
-  // The files at or below rel; an io error when rel names nothing.
-  Result<std::vector<std::string>> FilesAt(const std::string& rel, const Url& url) const {
-    std::shared_lock guard(lock);
-    const std::uint32_t top = Find(rel);
-    if (top == kNone) return IoError("@ names no file or directory of the RAM disk.", url);
-    std::vector<std::string> found;
-    std::vector<std::uint32_t> pending{top};
-    while (!pending.empty()) {
-      const Node& node = nodes[pending.back()];
-      pending.pop_back();
-      if (!node.isDirectory) found.emplace_back(node.path);
-      for (std::uint32_t c = node.firstChild; c != kNone; c = nodes[c].nextSibling) pending.push_back(c);
-    }
-    return found;
-  }
 };
 
 // The parts of a disk that the URL handler and the service operations reach.
@@ -282,7 +110,7 @@ Result<void> MakeMirrorDirectories(const std::string& root, const std::string& r
 }
 
 void MarkCached(RamDisk& disk, MountState& mount, const std::string& rel) {
-  if (mount.SetCached(rel, true)) disk.ObservableLoadIntoCacheChange().Notify(FileUrl(disk, rel), true);
+  if (mount.tree.SetCached(rel, true)) disk.ObservableLoadIntoCacheChange().Notify(FileUrl(disk, rel), true);
 }
 
 // Fetches rel into the mirror unless it is there; returns the mirror path. Concurrent callers for
@@ -326,11 +154,8 @@ Result<std::string> EnsureMirrored(RamDisk& disk, MountState& mount, const std::
     // A fetch that ended between the probe and the registration has left the file.
     if (Probe(path) != MirrorProbe::PRESENT) {
       Url remote = mount.remote.Append(PercentEncode(rel, "/")); // names escaped, separators kept
-      {
-        std::shared_lock guard(mount.lock);
-        if (const MountState::Node* node = mount.FindNode(rel); node && !node->isDirectory)
-          for (const auto& [key, value] : mount.flagTable[node->flags]) remote.SetData(key, value);
-      }
+      if (std::optional<DataDictionary> flags = mount.tree.FlagsOf(rel))
+        for (const auto& [key, value] : *flags) remote.SetData(key, value);
       // Declared names are checked, so the path stays below the mirror root.
       result = MakeMirrorDirectories(root, rel);
       // The waiters must be woken whatever happens, so nothing may escape from here.
@@ -356,7 +181,7 @@ Result<std::string> EnsureMirrored(RamDisk& disk, MountState& mount, const std::
     }
     fetch->done.notify_all();
     if (result.HasError()) return result.GetError();
-    mount.SetChecked(rel, false);  // a new copy
+    mount.tree.SetChecked(rel, false); // a new copy
     MarkCached(disk, mount, rel);
     return path;
   }
@@ -378,7 +203,7 @@ Result<Located> Locate(const Url& url) {
     if (next == std::string_view::npos) next = path.size();
     std::string_view part = path.substr(pos, next - pos);
     if (!part.empty()) {
-      KELVO_RETURN_ON_ERROR(CheckComponent(part, path));
+      KELVO_RETURN_ON_ERROR(CheckRamDiskName(part, path));
       parts.emplace_back(part);
     }
     pos = next + 1;
@@ -407,16 +232,14 @@ public:
     if (at->rel.empty()) return IODETECT::DIRECTORY;
     auto mount = RamDiskAccess::GetMount(*at->disk);
     if (!mount) return RamDiskAccess::GetMemory(*at->disk).Detect(at->rel);
-    std::shared_lock guard(mount->lock);
-    const MountState::Node* node = mount->FindNode(at->rel);
-    return !node ? IODETECT::NONE : node->isDirectory ? IODETECT::DIRECTORY : IODETECT::FILE;
+    return mount->tree.Detect(at->rel);
   }
 
   Result<std::vector<Url>> IoBrowse(const Url& url) const override {
     KELVO_ASSIGN_OR_RETURN(Located at, Locate(url));
     std::vector<std::string> names;
     if (auto mount = RamDiskAccess::GetMount(*at.disk)) {
-      std::optional<std::vector<std::string>> children = mount->Children(at.rel);
+      std::optional<std::vector<std::string>> children = mount->tree.Children(at.rel);
       if (!children) return IoError("Can't list @: no such directory", url);
       names = std::move(*children);
     } else {
@@ -439,11 +262,8 @@ public:
       if (!in) return IoError("Can't open @: no such file", url);
       return in;
     }
-    {
-      std::shared_lock guard(mount->lock);
-      if (const MountState::Node* node = mount->FindNode(at.rel); !node || node->isDirectory)
-        return IoError(node ? "Can't open @: it is a directory" : "Can't open @: no such file", url);
-    }
+    if (const IODETECT kind = mount->tree.Detect(at.rel); kind != IODETECT::FILE)
+      return IoError(kind == IODETECT::DIRECTORY ? "Can't open @: it is a directory" : "Can't open @: no such file", url);
     // A mirrored file removed between the check and the open is fetched again, once.
     for (int attempt = 0;; ++attempt) {
       KELVO_ASSIGN_OR_RETURN(const std::string path, EnsureMirrored(*at.disk, *mount, at.rel));
@@ -525,7 +345,7 @@ Result<RamDisk::DeclareFileDelegate> RamDisk::Mount(const Url& remoteUrl, const 
   }
   _memory.Clear("");
   return DeclareFileDelegate([mount](const std::vector<std::string>& components, const DataDictionary& flags) {
-    return mount->Declare(components, flags);
+    return mount->tree.Declare(components, flags);
   });
 }
 
@@ -537,7 +357,7 @@ RamDiskRef RamDiskService::FindExisting(std::string_view name) {
 }
 
 Result<RamDiskRef> RamDiskService::Create(std::string_view name) {
-  if (!name.empty()) KELVO_RETURN_ON_ERROR(CheckComponent(name, name));
+  if (!name.empty()) KELVO_RETURN_ON_ERROR(CheckRamDiskName(name, name));
   RegisterRamDiskIoHandler();
   auto& t = Disks();
   std::lock_guard guard(t.lock);
@@ -574,19 +394,13 @@ Result<void> RamDiskService::ChangeRamDiskMirrorPath(const Url& oldPath, const U
   for (const RamDiskRef& disk : disks) {
     auto mount = RamDiskAccess::GetMount(*disk);
     if (!mount) continue;
-    std::vector<std::string> dropped;
     {
       std::unique_lock guard(mount->lock);
       const std::string& root = mount->mirrorRoot;
       if (root != from && !(root.starts_with(from) && (from == "/" || root[from.size()] == '/'))) continue;
       mount->mirrorRoot = to + root.substr(from.size());
-      for (MountState::Node& node : mount->nodes)
-        if (std::exchange(node.cached, false)) {
-          node.checked = false;
-          dropped.emplace_back(node.path);
-        }
     }
-    for (const std::string& rel : dropped) disk->ObservableLoadIntoCacheChange().Notify(FileUrl(*disk, rel), false);
+    for (const std::string& rel : mount->tree.ForgetCached()) disk->ObservableLoadIntoCacheChange().Notify(FileUrl(*disk, rel), false);
   }
   return {};
 }
@@ -595,7 +409,7 @@ Result<bool> RamDiskService::IsInCache(const Url& directoryUrl) {
   KELVO_ASSIGN_OR_RETURN(Located at, Locate(directoryUrl));
   auto mount = RamDiskAccess::GetMount(*at.disk);
   if (!mount) return true;
-  KELVO_ASSIGN_OR_RETURN(const std::vector<std::string> files, mount->FilesAt(at.rel, directoryUrl));
+  KELVO_ASSIGN_OR_RETURN(const std::vector<std::string> files, mount->tree.FilesAt(at.rel, directoryUrl));
   return std::all_of(files.begin(), files.end(),
                      [&](const std::string& rel) { return Probe(mount->MirrorPath(rel)) == MirrorProbe::PRESENT; });
 }
@@ -604,7 +418,7 @@ Result<void> RamDiskService::LoadIntoCache(const Url& directoryUrl, const RamDis
   KELVO_ASSIGN_OR_RETURN(Located at, Locate(directoryUrl));
   auto mount = RamDiskAccess::GetMount(*at.disk);
   if (!mount) return {};
-  KELVO_ASSIGN_OR_RETURN(const std::vector<std::string> files, mount->FilesAt(at.rel, directoryUrl));
+  KELVO_ASSIGN_OR_RETURN(const std::vector<std::string> files, mount->tree.FilesAt(at.rel, directoryUrl));
   std::uint64_t done = 0, total = 0;
   std::vector<std::string> missing;
   for (const std::string& rel : files) {
@@ -649,14 +463,14 @@ Result<void> RamDiskService::DropFromCache(const Url& directoryUrl) {
   KELVO_ASSIGN_OR_RETURN(Located at, Locate(directoryUrl));
   auto mount = RamDiskAccess::GetMount(*at.disk);
   if (!mount) return {};
-  KELVO_ASSIGN_OR_RETURN(const std::vector<std::string> files, mount->FilesAt(at.rel, directoryUrl));
+  KELVO_ASSIGN_OR_RETURN(const std::vector<std::string> files, mount->tree.FilesAt(at.rel, directoryUrl));
   std::vector<std::string> dropped;
   for (const std::string& rel : files) {
     const std::string path = mount->MirrorPath(rel);
     // Only a regular file is ours to remove; anything else in its place is never read either.
     if (Probe(path) == MirrorProbe::PRESENT && ::unlink(path.c_str()) != 0 && errno != ENOENT)
       return IoError("Can't remove mirror file @: @", path, ErrnoText());
-    if (mount->SetCached(rel, false)) dropped.push_back(rel);
+    if (mount->tree.SetCached(rel, false)) dropped.push_back(rel);
   }
   for (const std::string& rel : dropped) at.disk->ObservableLoadIntoCacheChange().Notify(FileUrl(*at.disk, rel), false);
   return {};
@@ -693,19 +507,16 @@ Result<void> RamDiskService::CheckMirroredFile(const Url& url, const RamDisk::Mi
   KELVO_ASSIGN_OR_RETURN(Located at, Locate(url));
   auto mount = RamDiskAccess::GetMount(*at.disk);
   if (!mount || !check) return {};
-  if (!mount->IsChecked(at.rel)) {
-    {
-      std::shared_lock guard(mount->lock);
-      if (const MountState::Node* node = mount->FindNode(at.rel); !node || node->isDirectory)
-        return IoError(node ? "Can't check @: it is a directory" : "Can't check @: no such file", url);
-    }
+  if (!mount->tree.IsChecked(at.rel)) {
+    if (const IODETECT kind = mount->tree.Detect(at.rel); kind != IODETECT::FILE)
+      return IoError(kind == IODETECT::DIRECTORY ? "Can't check @: it is a directory" : "Can't check @: no such file", url);
     KELVO_ASSIGN_OR_RETURN(const std::string path, EnsureMirrored(*at.disk, *mount, at.rel));
     if (Result<void> checked = check(url, Url::FromFile(path)); checked.HasError()) {
       if (Probe(path) == MirrorProbe::PRESENT) ::unlink(path.c_str());
-      if (mount->SetCached(at.rel, false)) at.disk->ObservableLoadIntoCacheChange().Notify(url, false);
+      if (mount->tree.SetCached(at.rel, false)) at.disk->ObservableLoadIntoCacheChange().Notify(url, false);
       return checked.GetError();
     }
-    mount->SetChecked(at.rel, true);
+    mount->tree.SetChecked(at.rel, true);
   }
   return {};
 }
