@@ -167,9 +167,13 @@ TEST_F(AssetDownloadsTest, A404OrADamagedBodyFailsOnlyItsOwnAsset) {
   fs::remove(ServerDir() / ContentPath(m));
   const fs::path damagedFile = ServerDir() / ContentPath(x);
   std::ofstream(damagedFile, std::ios::binary | std::ios::trunc) << "the forged text!";
-  // A direct read, without a download first, is checked as well.
+  // Direct reads, without a download first, are checked as well: a load, and a read through
+  // the asset's "asset" URL.
   EXPECT_NE(LoadText(x).find("does not match its version Id"), std::string::npos);
   EXPECT_FALSE(fs::exists(CacheDir() / ContentPath(x)));
+  const Result<std::string> read = AssetInterface::GetAssetUrl(x, false).GetValueOr(Url()).ReadAll();
+  ASSERT_TRUE(read.HasError());
+  EXPECT_NE(read.GetError().ToString().find("does not match its version Id"), std::string::npos);
 
   BackgroundEntryRef progress = DownloadAndWait({Find("good1"), m, x, Find("good2")});
   ASSERT_NE(progress, nullptr);

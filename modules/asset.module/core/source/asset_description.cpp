@@ -8,7 +8,6 @@
 #include "asset/core/asset_version_validity.h"
 #include "asset/core/baseassetrepository.h"
 #include "asset/core/content_digest.h"
-#include "kelvo/ramdisk.h"
 #include "meta_strings.h"
 
 namespace kelvo {
@@ -82,25 +81,6 @@ Result<Url> AssetDescriptionImpl::GetUrl() const {
   return _url;
 }
 
-namespace {
-
-// Content of a remote database, read from the mirror of its RAM disk, is checked against the
-// version Id before its first use in a process: a download cut short by a crash may have left
-// it torn, and the server may have served something else. A failed copy is fetched again at the
-// next read. A content directory is checked by its download instead.
-Result<void> CheckMirroredContent(const Url& url, const Id& versionId) {
-  if (versionId.View().size() != 64 || url.IoDetect() != IODETECT::FILE) return {};
-  return RamDiskService::CheckMirroredFile(url, [&](const Url&, const Url& mirrored) -> Result<void> {
-    KELVO_ASSIGN_OR_RETURN(const Digest digest, HashContent(mirrored, Url()));
-    const std::string actual = DigestToHex(digest);
-    if (actual == versionId.View()) return {};
-    return FileFormatError("The content of @ does not match its version Id @ (its SHA-256 is @); it was not kept.",
-                           url, versionId, actual);
-  });
-}
-
-} // namespace
-
 Result<Asset> AssetDescriptionImpl::Load(bool updateLinks) const {
   if (_deleted) return IllegalStateError("Can't load deleted asset @", _aid);
   ARWLock& slotLock = updateLinks ? _loadedWithUpdatesLock : _loadedLock;
@@ -132,7 +112,7 @@ Result<Asset> AssetDescriptionImpl::Load(bool updateLinks) const {
     const AssetDescription self = weak_from_this().lock();
     KELVO_ASSIGN_OR_RETURN(bool valid, IsAssetValid(self));
     if (!valid) return IllegalStateError("Asset not valid for this app version.");
-    if (url.GetScheme() == kRamDiskScheme) KELVO_RETURN_ON_ERROR(CheckMirroredContent(url, _aid.second));
+    KELVO_RETURN_ON_ERROR(CheckMirroredContent(url, _aid.second));
     // No lock is held here: two threads may load at once, and the slot keeps the first result.
     KELVO_ASSIGN_OR_RETURN(asset, type->Load(repository, self, url, updateLinks));
   }
