@@ -110,6 +110,9 @@ struct BenchData {
     }
     if (auto c = small->Compact(); c.HasError()) Die("compact", c.GetError());
     fillSeconds = Seconds(start);
+    // What the fill wrote is on the disk before anything is measured: the sync that ends a
+    // download waits for all that its file system has still to write.
+    ::sync();
 
     auto started = test::NginxServer::Start(Www().string());
     if (started.HasError()) Die("nginx", started.GetError());
