@@ -66,8 +66,8 @@ std::string JoinPath(const std::string& dir, const std::string& name) {
 } // namespace
 
 // State shared by the monitor object and its thread. The watch table and the event batch are
-// touched only by the thread that runs the walk: the creating thread before the monitor thread
-// starts, the monitor thread afterwards.
+// touched by the creating thread before the monitor thread starts, then under tableLock by the
+// monitor thread and by callers of WatchEntered.
 struct FileMonitor::Impl {
   // One watched directory: its parent's watch descriptor and its name there.
   struct Node {
@@ -107,6 +107,7 @@ struct FileMonitor::Impl {
   std::thread thread;    // under stopLock
   bool joining = false;  // under stopLock
 
+  std::mutex tableLock;  // guards the fields below once the monitor thread runs
   std::unordered_map<int, Node> nodes;
   std::unordered_map<std::string, int> byName;  // Key(parent, name) -> watch descriptor
   std::deque<Pending> batch;
@@ -395,12 +396,16 @@ struct FileMonitor::Impl {
     node->second.name = toName;
   }
 
-  // Hands the resolved events at the front of the batch to the delegate.
+  // Hands the resolved events at the front of the batch to the delegate, with no lock held.
   void Deliver() {
-    while (!batch.empty() && !batch.front().unresolved) {
-      if (stopping) return;
-      const Event event = std::move(batch.front().event);
-      batch.pop_front();
+    for (;;) {
+      Event event;
+      {
+        std::lock_guard guard(tableLock);
+        if (stopping || batch.empty() || batch.front().unresolved) return;
+        event = std::move(batch.front().event);
+        batch.pop_front();
+      }
       try {
         delegate(event);
       } catch (const std::exception& e) {
@@ -417,10 +422,52 @@ struct FileMonitor::Impl {
     self->Loop();
   }
 
-  void RequestStop() {
-    stopping = true;
+  void Wake() {
     const std::uint64_t one = 1;
     [[maybe_unused]] const ssize_t written = ::write(wakeFd, &one, sizeof one);
+  }
+
+  void RequestStop() {
+    stopping = true;
+    Wake();
+  }
+
+  // The watch descriptor of the watched directory at `relative`, or -1.
+  int FindWatch(const std::string& relative) const {
+    int wd = rootWd;
+    for (std::size_t start = 0; wd >= 0 && start < relative.size();) {
+      std::size_t end = relative.find('/', start);
+      if (end == std::string::npos) end = relative.size();
+      auto it = byName.find(Key(wd, relative.substr(start, end - start)));
+      wd = it == byName.end() ? -1 : it->second;
+      start = end + 1;
+    }
+    return wd;
+  }
+
+  bool WatchEntered(const std::string& relative, int directoryFd) {
+    if (relative.empty()) return rootWd >= 0;
+    if (!recursive || stopping) return false;
+    const auto slash = relative.rfind('/');
+    const std::string name = slash == std::string::npos ? relative : relative.substr(slash + 1);
+    std::lock_guard guard(tableLock);
+    const std::size_t queued = batch.size();
+    int wd = -1;
+    if (const int parent = FindWatch(slash == std::string::npos ? std::string() : relative.substr(0, slash));
+        parent >= 0) {
+      if (std::count(relative.begin(), relative.end(), '/') + 1 >= kMaxDepth) {
+        ReportLimit(relative);
+      } else {
+        Fd own(directoryFd < 0 ? OpenRelative(relative) : -1);
+        if (directoryFd < 0 && own.fd < 0) {
+          if (IsResourceShortage(errno)) ReportLimit(relative);
+        } else {
+          wd = AddWatch(directoryFd < 0 ? own.fd : directoryFd, parent, name, relative);
+        }
+      }
+    }
+    if (batch.size() != queued) Wake();  // the limit's RESCAN waits for delivery
+    return wd >= 0;
   }
 
   // Waits until the monitor thread has ended. REQUIRES: not on the monitor thread.
@@ -444,10 +491,13 @@ struct FileMonitor::Impl {
     Deliver();
     while (!stopping) {
       int timeoutMs = -1;
-      for (const Pending& p : batch) {
-        if (p.unresolved) {
-          timeoutMs = std::max(1, static_cast<int>((p.deadline - MonotonicSeconds()) * 1000.0) + 1);
-          break;
+      {
+        std::lock_guard guard(tableLock);
+        for (const Pending& p : batch) {
+          if (p.unresolved) {
+            timeoutMs = std::max(1, static_cast<int>((p.deadline - MonotonicSeconds()) * 1000.0) + 1);
+            break;
+          }
         }
       }
       pollfd fds[2] = {{wakeFd, POLLIN, 0}, {inotifyFd, POLLIN, 0}};
@@ -458,6 +508,11 @@ struct FileMonitor::Impl {
         CriticalOutput("File monitor of @ stops: poll failed: @", rootPath, ErrnoText(errno));
         break;
       }
+      if (fds[0].revents & POLLIN) {
+        std::uint64_t count = 0;
+        [[maybe_unused]] const ssize_t drained = ::read(wakeFd, &count, sizeof count);
+      }
+      std::unique_lock guard(tableLock);
       if (fds[1].revents & POLLIN) {
         const ssize_t n = ::read(inotifyFd, buffer, sizeof buffer);
         if (n < 0 && errno != EINTR && errno != EAGAIN) {
@@ -471,6 +526,7 @@ struct FileMonitor::Impl {
         }
       }
       ExpireRenames(false);
+      guard.unlock();
       Deliver();
     }
   }
@@ -499,7 +555,8 @@ Result<std::unique_ptr<FileMonitor>> FileMonitor::WatchDirectory(const Url& dire
 
   impl->rootWd = impl->AddWatch(impl->rootFd, -1, "", "");
   if (impl->rootWd >= 0) {
-    impl->Walk(impl->rootFd, impl->rootWd, "", false, 1);
+    if (!(recursive && options.callerWalks))
+      impl->Walk(impl->rootFd, impl->rootWd, "", false, 1);
   } else if (!impl->limitReached) {
     return IoError("Can't watch @: @", impl->rootPath, ErrnoText(errno));
   }
@@ -510,6 +567,10 @@ Result<std::unique_ptr<FileMonitor>> FileMonitor::WatchDirectory(const Url& dire
     return IoError("Can't watch @: no monitor thread: @", impl->rootPath, e.what());
   }
   return std::unique_ptr<FileMonitor>(new FileMonitor(std::move(impl)));
+}
+
+bool FileMonitor::WatchEntered(const std::string& relative, int directoryFd) {
+  return _impl->options.callerWalks && _impl->WatchEntered(relative, directoryFd);
 }
 
 void FileMonitor::Stop() {

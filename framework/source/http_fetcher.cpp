@@ -79,6 +79,8 @@ public:
     return {};
   }
   Result<void> Begin() override {
+    // Only a retry has something to take back; truncating a fresh file costs a journal update.
+    if (_size == 0) return {};
     if (::ftruncate(_fd, 0) != 0 || ::lseek(_fd, 0, SEEK_SET) != 0)
       return IoError("Can't reset @: @", _tempPath, ErrnoText());
     _size = 0;

@@ -9,28 +9,17 @@
 #include <condition_variable>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <set>
 #include <shared_mutex>
 #include <unordered_map>
 
 #include "kelvo/job_queue.h"
+#include "ramdisk_tree.h"
 
 namespace kelvo {
 
 namespace {
-
-// Longer names would fail in the mirror's file system with a less helpful error.
-constexpr std::size_t kMaxComponentLength = 255;
-constexpr std::size_t kMaxPathLength = 4000;
-
-Result<void> CheckComponent(std::string_view c, std::string_view whole) {
-  if (c.empty() || c == "." || c == "..")
-    return IllegalArgumentError("Refused RAM disk path @: empty, \".\" or \"..\" component", whole);
-  if (c.find('/') != std::string_view::npos || c.find('\0') != std::string_view::npos)
-    return IllegalArgumentError("Refused RAM disk path @: \"/\" or NUL inside a name", whole);
-  if (c.size() > kMaxComponentLength) return IllegalArgumentError("Refused RAM disk path @: name too long", whole);
-  return {};
-}
 
 std::string Join(const std::vector<std::string>& components) {
   std::string path;
@@ -64,82 +53,20 @@ MirrorProbe Probe(const std::string& path, std::uint64_t* size = nullptr) {
 } // namespace
 
 struct RamDisk::MountState {
-  struct FileEntry {
-    DataDictionary flags;
-    bool cached = false; // fetched or seen in the mirror since the last drop, for notifications
-  };
-
   Url remote;
-  mutable std::shared_mutex lock; // guards the fields below
+  RamDiskTree tree;
+  mutable std::shared_mutex lock; // guards mirrorRoot
   std::string mirrorRoot;         // a local path without a trailing "/"
-  std::unordered_map<std::string, FileEntry> files;
-  std::unordered_map<std::string, std::set<std::string>> directories; // "" is the root
 
   std::mutex fetchesLock;
   std::unordered_map<std::string, std::shared_ptr<FetchState>> fetches; // by relative path
+  bool unsynced = false; // LoadIntoCache fetched since the last SyncMirrors; under fetchesLock
 
   std::string MirrorRoot() const {
     std::shared_lock guard(lock);
     return mirrorRoot;
   }
   std::string MirrorPath(const std::string& rel) const { return MirrorRoot() + "/" + rel; }
-
-  Result<void> Declare(const std::vector<std::string>& components, const DataDictionary& flags) {
-    const std::string rel = Join(components);
-    if (components.empty()) return IllegalArgumentError("Refused RAM disk file without a name");
-    for (const auto& c : components) KELVO_RETURN_ON_ERROR(CheckComponent(c, rel));
-    if (rel.size() > kMaxPathLength) return IllegalArgumentError("Refused RAM disk path @: too long", rel);
-    const bool isDirectory = flags.Get<bool>(urlkeys::ramdisk_directory).value_or(false);
-    std::unique_lock guard(lock);
-    if (!isDirectory && directories.count(rel))
-      return IllegalArgumentError("Can't declare @: a directory of that name exists", rel);
-    // Listings name a directory before what it holds, so the parent is usually known: every
-    // prefix of a known directory is a known directory and none is a file, and only the last
-    // name is new. This keeps the declaration of a large tree to a few look-ups a file.
-    const std::size_t cut = rel.size() - components.back().size();
-    if (auto parent = directories.find(cut ? rel.substr(0, cut - 1) : std::string()); parent != directories.end()) {
-      if (isDirectory && files.count(rel)) return IllegalArgumentError("Can't declare @: @ is a file", rel, rel);
-      parent->second.insert(components.back());
-    } else {
-      std::string dir;
-      for (std::size_t i = 0; i < components.size(); ++i) {
-        dir += (i ? "/" : "") + components[i];
-        if ((i + 1 < components.size() || isDirectory) && files.count(dir))
-          return IllegalArgumentError("Can't declare @: @ is a file", rel, dir);
-      }
-      // Only now that nothing can fail is the tree changed.
-      std::string path;
-      for (std::size_t i = 0; i < components.size(); ++i) {
-        directories[path].insert(components[i]);
-        path += (i ? "/" : "") + components[i];
-      }
-    }
-    if (isDirectory)
-      directories[rel];
-    else
-      files[rel].flags = flags;
-    return {};
-  }
-
-  // The files at or below rel; an io error when rel names nothing.
-  Result<std::vector<std::string>> FilesAt(const std::string& rel, const Url& url) const {
-    std::shared_lock guard(lock);
-    if (files.count(rel)) return std::vector<std::string>{rel};
-    if (!rel.empty() && !directories.count(rel)) return IoError("@ names no file or directory of the RAM disk.", url);
-    std::vector<std::string> found;
-    std::vector<std::string> pending{rel};
-    while (!pending.empty()) {
-      const std::string dir = std::move(pending.back());
-      pending.pop_back();
-      auto it = directories.find(dir);
-      if (it == directories.end()) continue;
-      for (const std::string& name : it->second) {
-        const std::string child = dir.empty() ? name : dir + "/" + name;
-        (files.count(child) ? found : pending).push_back(child);
-      }
-    }
-    return found;
-  }
 };
 
 // The parts of a disk that the URL handler and the service operations reach.
@@ -183,13 +110,7 @@ Result<void> MakeMirrorDirectories(const std::string& root, const std::string& r
 }
 
 void MarkCached(RamDisk& disk, MountState& mount, const std::string& rel) {
-  bool changed = false;
-  {
-    std::unique_lock guard(mount.lock);
-    auto it = mount.files.find(rel);
-    if (it != mount.files.end() && !it->second.cached) changed = it->second.cached = true;
-  }
-  if (changed) disk.ObservableLoadIntoCacheChange().Notify(FileUrl(disk, rel), true);
+  if (mount.tree.SetCached(rel, true)) disk.ObservableLoadIntoCacheChange().Notify(FileUrl(disk, rel), true);
 }
 
 // Fetches rel into the mirror unless it is there; returns the mirror path. Concurrent callers for
@@ -233,12 +154,8 @@ Result<std::string> EnsureMirrored(RamDisk& disk, MountState& mount, const std::
     // A fetch that ended between the probe and the registration has left the file.
     if (Probe(path) != MirrorProbe::PRESENT) {
       Url remote = mount.remote.Append(PercentEncode(rel, "/")); // names escaped, separators kept
-      {
-        std::shared_lock guard(mount.lock);
-        auto it = mount.files.find(rel);
-        if (it != mount.files.end())
-          for (const auto& [key, value] : it->second.flags) remote.SetData(key, value);
-      }
+      if (std::optional<DataDictionary> flags = mount.tree.FlagsOf(rel))
+        for (const auto& [key, value] : *flags) remote.SetData(key, value);
       // Declared names are checked, so the path stays below the mirror root.
       result = MakeMirrorDirectories(root, rel);
       // The waiters must be woken whatever happens, so nothing may escape from here.
@@ -264,6 +181,7 @@ Result<std::string> EnsureMirrored(RamDisk& disk, MountState& mount, const std::
     }
     fetch->done.notify_all();
     if (result.HasError()) return result.GetError();
+    mount.tree.SetChecked(rel, false); // a new copy
     MarkCached(disk, mount, rel);
     return path;
   }
@@ -285,7 +203,7 @@ Result<Located> Locate(const Url& url) {
     if (next == std::string_view::npos) next = path.size();
     std::string_view part = path.substr(pos, next - pos);
     if (!part.empty()) {
-      KELVO_RETURN_ON_ERROR(CheckComponent(part, path));
+      KELVO_RETURN_ON_ERROR(CheckRamDiskName(part, path));
       parts.emplace_back(part);
     }
     pos = next + 1;
@@ -314,19 +232,16 @@ public:
     if (at->rel.empty()) return IODETECT::DIRECTORY;
     auto mount = RamDiskAccess::GetMount(*at->disk);
     if (!mount) return RamDiskAccess::GetMemory(*at->disk).Detect(at->rel);
-    std::shared_lock guard(mount->lock);
-    if (mount->files.count(at->rel)) return IODETECT::FILE;
-    return mount->directories.count(at->rel) ? IODETECT::DIRECTORY : IODETECT::NONE;
+    return mount->tree.Detect(at->rel);
   }
 
   Result<std::vector<Url>> IoBrowse(const Url& url) const override {
     KELVO_ASSIGN_OR_RETURN(Located at, Locate(url));
     std::vector<std::string> names;
     if (auto mount = RamDiskAccess::GetMount(*at.disk)) {
-      std::shared_lock guard(mount->lock);
-      auto it = mount->directories.find(at.rel);
-      if (it != mount->directories.end()) names.assign(it->second.begin(), it->second.end());
-      else if (!at.rel.empty()) return IoError("Can't list @: no such directory", url);
+      std::optional<std::vector<std::string>> children = mount->tree.Children(at.rel);
+      if (!children) return IoError("Can't list @: no such directory", url);
+      names = std::move(*children);
     } else {
       MemoryFileTree& memory = RamDiskAccess::GetMemory(*at.disk);
       if (!at.rel.empty() && memory.Detect(at.rel) != IODETECT::DIRECTORY)
@@ -347,13 +262,8 @@ public:
       if (!in) return IoError("Can't open @: no such file", url);
       return in;
     }
-    {
-      std::shared_lock guard(mount->lock);
-      if (!mount->files.count(at.rel))
-        return IoError(mount->directories.count(at.rel) || at.rel.empty() ? "Can't open @: it is a directory"
-                                                                           : "Can't open @: no such file",
-                       url);
-    }
+    if (const IODETECT kind = mount->tree.Detect(at.rel); kind != IODETECT::FILE)
+      return IoError(kind == IODETECT::DIRECTORY ? "Can't open @: it is a directory" : "Can't open @: no such file", url);
     // A mirrored file removed between the check and the open is fetched again, once.
     for (int attempt = 0;; ++attempt) {
       KELVO_ASSIGN_OR_RETURN(const std::string path, EnsureMirrored(*at.disk, *mount, at.rel));
@@ -435,7 +345,7 @@ Result<RamDisk::DeclareFileDelegate> RamDisk::Mount(const Url& remoteUrl, const 
   }
   _memory.Clear("");
   return DeclareFileDelegate([mount](const std::vector<std::string>& components, const DataDictionary& flags) {
-    return mount->Declare(components, flags);
+    return mount->tree.Declare(components, flags);
   });
 }
 
@@ -447,7 +357,7 @@ RamDiskRef RamDiskService::FindExisting(std::string_view name) {
 }
 
 Result<RamDiskRef> RamDiskService::Create(std::string_view name) {
-  if (!name.empty()) KELVO_RETURN_ON_ERROR(CheckComponent(name, name));
+  if (!name.empty()) KELVO_RETURN_ON_ERROR(CheckRamDiskName(name, name));
   RegisterRamDiskIoHandler();
   auto& t = Disks();
   std::lock_guard guard(t.lock);
@@ -484,16 +394,13 @@ Result<void> RamDiskService::ChangeRamDiskMirrorPath(const Url& oldPath, const U
   for (const RamDiskRef& disk : disks) {
     auto mount = RamDiskAccess::GetMount(*disk);
     if (!mount) continue;
-    std::vector<std::string> dropped;
     {
       std::unique_lock guard(mount->lock);
       const std::string& root = mount->mirrorRoot;
       if (root != from && !(root.starts_with(from) && (from == "/" || root[from.size()] == '/'))) continue;
       mount->mirrorRoot = to + root.substr(from.size());
-      for (auto& [rel, entry] : mount->files)
-        if (std::exchange(entry.cached, false)) dropped.push_back(rel);
     }
-    for (const std::string& rel : dropped) disk->ObservableLoadIntoCacheChange().Notify(FileUrl(*disk, rel), false);
+    for (const std::string& rel : mount->tree.ForgetCached()) disk->ObservableLoadIntoCacheChange().Notify(FileUrl(*disk, rel), false);
   }
   return {};
 }
@@ -502,7 +409,7 @@ Result<bool> RamDiskService::IsInCache(const Url& directoryUrl) {
   KELVO_ASSIGN_OR_RETURN(Located at, Locate(directoryUrl));
   auto mount = RamDiskAccess::GetMount(*at.disk);
   if (!mount) return true;
-  KELVO_ASSIGN_OR_RETURN(const std::vector<std::string> files, mount->FilesAt(at.rel, directoryUrl));
+  KELVO_ASSIGN_OR_RETURN(const std::vector<std::string> files, mount->tree.FilesAt(at.rel, directoryUrl));
   return std::all_of(files.begin(), files.end(),
                      [&](const std::string& rel) { return Probe(mount->MirrorPath(rel)) == MirrorProbe::PRESENT; });
 }
@@ -511,7 +418,7 @@ Result<void> RamDiskService::LoadIntoCache(const Url& directoryUrl, const RamDis
   KELVO_ASSIGN_OR_RETURN(Located at, Locate(directoryUrl));
   auto mount = RamDiskAccess::GetMount(*at.disk);
   if (!mount) return {};
-  KELVO_ASSIGN_OR_RETURN(const std::vector<std::string> files, mount->FilesAt(at.rel, directoryUrl));
+  KELVO_ASSIGN_OR_RETURN(const std::vector<std::string> files, mount->tree.FilesAt(at.rel, directoryUrl));
   std::uint64_t done = 0, total = 0;
   std::vector<std::string> missing;
   for (const std::string& rel : files) {
@@ -539,6 +446,10 @@ Result<void> RamDiskService::LoadIntoCache(const Url& directoryUrl, const RamDis
       return report(reported, total);
     };
     KELVO_ASSIGN_OR_RETURN(const std::string path, EnsureMirrored(*at.disk, *mount, rel, fileProgress));
+    {
+      std::lock_guard guard(mount->fetchesLock);
+      mount->unsynced = true;
+    }
     std::uint64_t size = 0;
     Probe(path, &size);
     total = total - announced + size;
@@ -552,18 +463,61 @@ Result<void> RamDiskService::DropFromCache(const Url& directoryUrl) {
   KELVO_ASSIGN_OR_RETURN(Located at, Locate(directoryUrl));
   auto mount = RamDiskAccess::GetMount(*at.disk);
   if (!mount) return {};
-  KELVO_ASSIGN_OR_RETURN(const std::vector<std::string> files, mount->FilesAt(at.rel, directoryUrl));
+  KELVO_ASSIGN_OR_RETURN(const std::vector<std::string> files, mount->tree.FilesAt(at.rel, directoryUrl));
   std::vector<std::string> dropped;
   for (const std::string& rel : files) {
     const std::string path = mount->MirrorPath(rel);
     // Only a regular file is ours to remove; anything else in its place is never read either.
     if (Probe(path) == MirrorProbe::PRESENT && ::unlink(path.c_str()) != 0 && errno != ENOENT)
       return IoError("Can't remove mirror file @: @", path, ErrnoText());
-    std::unique_lock guard(mount->lock);
-    auto it = mount->files.find(rel);
-    if (it != mount->files.end() && std::exchange(it->second.cached, false)) dropped.push_back(rel);
+    if (mount->tree.SetCached(rel, false)) dropped.push_back(rel);
   }
   for (const std::string& rel : dropped) at.disk->ObservableLoadIntoCacheChange().Notify(FileUrl(*at.disk, rel), false);
+  return {};
+}
+
+Result<void> RamDiskService::SyncMirrors() {
+  std::vector<RamDiskRef> disks;
+  {
+    auto& t = Disks();
+    std::lock_guard guard(t.lock);
+    for (const auto& [name, disk] : t.disks) disks.push_back(disk);
+  }
+  std::set<std::string> roots;
+  for (const RamDiskRef& disk : disks) {
+    if (auto mount = RamDiskAccess::GetMount(*disk)) {
+      std::lock_guard guard(mount->fetchesLock);
+      if (std::exchange(mount->unsynced, false)) roots.insert(mount->MirrorRoot());
+    }
+  }
+  // One sync of the file system: syncing each file or directory on its own waits for a journal
+  // commit each, seconds for a thousand files.
+  for (const std::string& root : roots) {
+    const int fd = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) continue;  // gone (cleared): nothing to sync
+    const int synced = ::syncfs(fd);
+    const int error = errno;
+    ::close(fd);
+    if (synced != 0) return IoError("Can't sync the mirror @: @", root, std::strerror(error));
+  }
+  return {};
+}
+
+Result<void> RamDiskService::CheckMirroredFile(const Url& url, const RamDisk::MirrorCheck& check) {
+  KELVO_ASSIGN_OR_RETURN(Located at, Locate(url));
+  auto mount = RamDiskAccess::GetMount(*at.disk);
+  if (!mount || !check) return {};
+  if (!mount->tree.IsChecked(at.rel)) {
+    if (const IODETECT kind = mount->tree.Detect(at.rel); kind != IODETECT::FILE)
+      return IoError(kind == IODETECT::DIRECTORY ? "Can't check @: it is a directory" : "Can't check @: no such file", url);
+    KELVO_ASSIGN_OR_RETURN(const std::string path, EnsureMirrored(*at.disk, *mount, at.rel));
+    if (Result<void> checked = check(url, Url::FromFile(path)); checked.HasError()) {
+      if (Probe(path) == MirrorProbe::PRESENT) ::unlink(path.c_str());
+      if (mount->tree.SetCached(at.rel, false)) at.disk->ObservableLoadIntoCacheChange().Notify(url, false);
+      return checked.GetError();
+    }
+    mount->tree.SetChecked(at.rel, true);
+  }
   return {};
 }
 

@@ -167,6 +167,13 @@ TEST_F(AssetDownloadsTest, A404OrADamagedBodyFailsOnlyItsOwnAsset) {
   fs::remove(ServerDir() / ContentPath(m));
   const fs::path damagedFile = ServerDir() / ContentPath(x);
   std::ofstream(damagedFile, std::ios::binary | std::ios::trunc) << "the forged text!";
+  // Direct reads, without a download first, are checked as well: a load, and a read through
+  // the asset's "asset" URL.
+  EXPECT_NE(LoadText(x).find("does not match its version Id"), std::string::npos);
+  EXPECT_FALSE(fs::exists(CacheDir() / ContentPath(x)));
+  const Result<std::string> read = AssetInterface::GetAssetUrl(x, false).GetValueOr(Url()).ReadAll();
+  ASSERT_TRUE(read.HasError());
+  EXPECT_NE(read.GetError().ToString().find("does not match its version Id"), std::string::npos);
 
   BackgroundEntryRef progress = DownloadAndWait({Find("good1"), m, x, Find("good2")});
   ASSERT_NE(progress, nullptr);
@@ -191,6 +198,12 @@ TEST_F(AssetDownloadsTest, A404OrADamagedBodyFailsOnlyItsOwnAsset) {
   EXPECT_EQ(retry->GetState(), BACKGROUNDPROGRESSSTATE::SUCCEEDED);
   EXPECT_EQ(State(x), DOWNLOADSTATE::YES);
   EXPECT_EQ(LoadText(x), "the original text");
+
+  // A copy torn by a crash is caught at its first read after a new start, and fetched again.
+  std::ofstream(CacheDir() / ContentPath(x), std::ios::binary | std::ios::trunc) << "the orig";
+  Remount(RemoteUrl());
+  EXPECT_NE(LoadText(Find("damaged")).find("does not match its version Id"), std::string::npos);
+  EXPECT_EQ(LoadText(Find("damaged")), "the original text");
 }
 
 TEST_F(AssetDownloadsTest, TruncatedBodiesAndSilentServersEndWithAnError) {

@@ -175,6 +175,35 @@ TEST_F(FileMonitorTest, NonRecursiveMonitorWatchesOnlyItsOwnDirectory) {
   EXPECT_EQ((*monitor)->GetStatus().watches, 1u);
 }
 
+TEST_F(FileMonitorTest, CallerWalkWatchesWhatItEntersAndTheMonitorWhatAppearsLater) {
+  for (const char* d : {"a/b", "c", "d"}) fs::create_directories(_root / d);
+  FileMonitor::Options options;
+  options.callerWalks = true;
+  options.maxWatches = 4;
+  Start(options);
+  EXPECT_EQ(_monitor->GetStatus().watches, 1u) << "the root only, until the caller enters more";
+  EXPECT_FALSE(_monitor->WatchEntered("a/b")) << "its parent was not entered";
+  EXPECT_TRUE(_monitor->WatchEntered("a"));
+  EXPECT_TRUE(_monitor->WatchEntered("a/b"));
+  EXPECT_EQ(_monitor->GetStatus().watches, 3u);
+  Touch(_root / "a" / "b" / "f");
+  ASSERT_TRUE(_recorder.WaitFor(STATE::MODIFIED, _root / "a" / "b" / "f"));
+
+  // A directory made later is watched by the monitor itself; then the limit is reached, once.
+  fs::create_directories(_root / "a" / "new");
+  ASSERT_TRUE(_recorder.WaitFor(STATE::CREATED, _root / "a" / "new"));
+  Sync();
+  EXPECT_EQ(_monitor->GetStatus().watches, 4u);
+  EXPECT_FALSE(_monitor->WatchEntered("c"));
+  EXPECT_FALSE(_monitor->WatchEntered("d"));
+  ASSERT_TRUE(_recorder.WaitFor([](const auto& e) { return e.reason == FileMonitor::RESCANREASON::WATCHLIMIT; }));
+  EXPECT_TRUE(_monitor->GetStatus().watchLimitReached);
+  Touch(_root / "a" / "new" / "g");
+  ASSERT_TRUE(_recorder.WaitFor(STATE::MODIFIED, _root / "a" / "new" / "g"));
+  auto events = _recorder.Events();
+  EXPECT_EQ(std::count_if(events.begin(), events.end(), [](const auto& e) { return e.state == STATE::RESCAN; }), 1);
+}
+
 TEST_F(FileMonitorTest, SymlinksAreNeverFollowedOutOfTheTree) {
   fs::create_directories(_root / "sub");
   fs::create_directory_symlink(_outside, _root / "link");

@@ -51,6 +51,10 @@ public:
     std::size_t maxWatches = 0;
     // How long the first half of a rename waits for its second half before it counts as moved out.
     double renameJoinSeconds = 0.02;
+    // Recursive only: WatchDirectory watches the root alone and the caller, which walks the tree
+    // anyway, adds each directory below it through WatchEntered as it enters it, so the tree is
+    // walked once. Directories created or moved in later are still watched by the monitor.
+    bool callerWalks = false;
   };
 
   struct Status {
@@ -69,6 +73,13 @@ public:
   static Result<std::unique_ptr<FileMonitor>> WatchDirectory(const Url& directory, bool recursive, Delegate delegate) {
     return WatchDirectory(directory, recursive, std::move(delegate), Options());
   }
+
+  // With Options::callerWalks: watches the directory at `relative` below the root (components
+  // joined by "/"), given open for reading as directoryFd (or -1 to open it here, never through
+  // a symlink), before the caller lists it, so nothing that arrives afterwards is missed. Its
+  // parent must have been entered before. Returns false when it stays unwatched: the watch limit
+  // (reported as a walk reports it), or a parent that isn't watched. Any thread.
+  bool WatchEntered(const std::string& relative, int directoryFd = -1);
 
   // Ends the watch: wakes the monitor thread and waits for it, so no delegate runs after Stop
   // returns (when called from the delegate, the current one finishes and no other starts).

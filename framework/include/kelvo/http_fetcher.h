@@ -38,7 +38,8 @@ struct HttpOptions {
   std::chrono::milliseconds maxBackoff{4000};
   // A downloaded file is synced to the disk before it replaces the target, so that a crash
   // can't leave a torn file under the target's name. Off trades that for speed (a sync costs
-  // milliseconds per file on many disks).
+  // milliseconds per file on many disks); it suits a caller that checks what it reads back and
+  // syncs a batch of files at once (the RAM disk mirrors of remote databases).
   bool syncFiles = true;
 };
 

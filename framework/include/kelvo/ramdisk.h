@@ -45,6 +45,8 @@ public:
       std::function<Result<void>(const std::vector<std::string>& components, const DataDictionary& flags)>;
   // Bytes done and bytes in all; an error stops the transfer and becomes its result.
   using LoadProgressDelegate = std::function<Result<void>(std::uint64_t done, std::uint64_t total)>;
+  // Checks the mirrored copy (a "file" URL) of a declared file (its "ramdisk" URL).
+  using MirrorCheck = std::function<Result<void>(const Url& file, const Url& mirrored)>;
 
   explicit RamDisk(std::string name);
   RamDisk(const RamDisk&) = delete;
@@ -104,6 +106,15 @@ public:
   // fetched (a download that failed its check is not kept). Nothing for an in-memory disk. An io
   // error for a URL that names nothing or a copy that can't be removed. Any thread.
   static Result<void> DropFromCache(const Url& directoryUrl);
+  // Makes the files that LoadIntoCache fetched since the last call durable with one sync of the
+  // file system of each mirror that got some, so that a batch fetched without a sync per file
+  // (HttpOptions::syncFiles off) is on the disk when it returns. Any thread.
+  static Result<void> SyncMirrors();
+  // Fetches the file at url when it isn't mirrored yet, then runs check on its copy unless the copy
+  // has passed a check since this process fetched it or found it in the mirror (where a crash may
+  // have left it torn). A failed check removes the copy, so the next read fetches it again, and is
+  // the result. Nothing is checked on an in-memory disk. Any thread.
+  static Result<void> CheckMirroredFile(const Url& url, const RamDisk::MirrorCheck& check);
 };
 
 // Registers the handler for "ramdisk"; calling it again does nothing.

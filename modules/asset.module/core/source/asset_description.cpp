@@ -7,6 +7,7 @@
 
 #include "asset/core/asset_version_validity.h"
 #include "asset/core/baseassetrepository.h"
+#include "asset/core/content_digest.h"
 #include "meta_strings.h"
 
 namespace kelvo {
@@ -111,6 +112,7 @@ Result<Asset> AssetDescriptionImpl::Load(bool updateLinks) const {
     const AssetDescription self = weak_from_this().lock();
     KELVO_ASSIGN_OR_RETURN(bool valid, IsAssetValid(self));
     if (!valid) return IllegalStateError("Asset not valid for this app version.");
+    KELVO_RETURN_ON_ERROR(CheckMirroredContent(url, _aid.second));
     // No lock is held here: two threads may load at once, and the slot keeps the first result.
     KELVO_ASSIGN_OR_RETURN(asset, type->Load(repository, self, url, updateLinks));
   }

@@ -13,6 +13,8 @@
 #include <optional>
 #include <vector>
 
+#include "kelvo/ramdisk.h"
+
 namespace kelvo {
 
 std::string DigestToHex(const Digest& digest) { return ToHex(digest.data(), digest.size()); }
@@ -220,6 +222,19 @@ Result<Digest> HashContent(const Url& source, const Url& destination) {
 
 Result<void> CopyContent(const Url& source, const Url& destination, const FileCopier& copier) {
   return WalkContent(source, destination, copier, nullptr);
+}
+
+Result<void> CheckMirroredContent(const Url& content, const Id& versionId) {
+  if (content.GetScheme() != kRamDiskScheme || versionId.View().size() != 2 * sizeof(Digest) ||
+      content.IoDetect() != IODETECT::FILE)
+    return {};
+  return RamDiskService::CheckMirroredFile(content, [&](const Url&, const Url& mirrored) -> Result<void> {
+    KELVO_ASSIGN_OR_RETURN(const Digest digest, HashContent(mirrored, Url()));
+    const std::string actual = DigestToHex(digest);
+    if (actual == versionId.View()) return {};
+    return FileFormatError("The content of @ does not match its version Id @ (its SHA-256 is @); it was not kept.",
+                           content, versionId, actual);
+  });
 }
 
 } // namespace kelvo

@@ -31,10 +31,20 @@ namespace {
 // modified.dat is a few dozen bytes; anything much larger is not one.
 constexpr std::uint64_t kMaxModifiedBytes = 64 * 1024;
 
+// The files of a mirror are fetched without a sync each: a download syncs the mirrors once when
+// it ends, and content torn by a crash before that fails the check against its version Id when
+// it is read.
+HttpOptions DefaultOptions() {
+  HttpOptions options;
+  options.syncFiles = false;
+  return options;
+}
+
 struct RemoteState {
   std::mutex lock;
-  HttpOptions options;
-  std::shared_ptr<HttpFetcher> fetcher = std::make_shared<HttpFetcher>();
+  HttpOptions options = DefaultOptions();
+  std::shared_ptr<HttpFetcher> fetcher = std::make_shared<HttpFetcher>(options);
+  std::shared_ptr<HttpFetcher> indexFetcher;  // made on first use
   // The observer token of each RAM disk whose notifications go to a repository, by disk name.
   std::unordered_map<std::string, std::pair<std::weak_ptr<RamDisk>, Observable<Url, bool>::Token>> connections;
 };
@@ -48,6 +58,18 @@ std::shared_ptr<HttpFetcher> Fetcher() {
   RemoteState& s = Remote();
   std::lock_guard guard(s.lock);
   return s.fetcher;
+}
+
+// The local index is the one file that nothing checks when it is read, so it is always synced.
+std::shared_ptr<HttpFetcher> IndexFetcher() {
+  RemoteState& s = Remote();
+  std::lock_guard guard(s.lock);
+  if (!s.indexFetcher) {
+    HttpOptions synced = s.options;
+    synced.syncFiles = true;
+    s.indexFetcher = std::make_shared<HttpFetcher>(synced);
+  }
+  return s.indexFetcher;
 }
 
 HttpOptions Options() {
@@ -117,6 +139,7 @@ void SetRemoteDatabaseHttpOptions(const HttpOptions& options) {
   std::lock_guard guard(s.lock);
   s.options = options;
   s.fetcher = std::make_shared<HttpFetcher>(options);
+  s.indexFetcher = nullptr;
 }
 
 Url ReadAssetDatabaseCachePath() {
@@ -152,16 +175,19 @@ Result<void> ReadDirectoryTree(const Url& listing, const RamDisk::DeclareFileDel
     if (line.size() < 3 || line[1] != '\t' || (line[0] != 'd' && line[0] != 'f'))
       return FileFormatError("@ is no directory tree listing (line @).", listing, number);
     const std::string_view path = std::string_view(line).substr(2);
-    components.clear();
+    // The component strings are reused from line to line, keeping their storage.
+    std::size_t count = 0;
     bool safe = true;
     for (std::size_t pos = 0; pos <= path.size();) {
       std::size_t next = path.find('/', pos);
       if (next == std::string_view::npos) next = path.size();
       const std::string_view part = path.substr(pos, next - pos);
       safe = safe && IsSafePathComponent(part);
-      components.emplace_back(part);
+      if (count == components.size()) components.emplace_back();
+      components[count++].assign(part);
       pos = next + 1;
     }
+    components.resize(count);
     if (!safe) {
       refused.push_back(std::string(path));
       continue;
@@ -262,7 +288,7 @@ Url PrepareRemoteDatabase(const Url& databaseUrl, const BackgroundEntryRef& prog
   if (read.HasError()) {
     // No usable local copy: the server's, read afresh on a clean mount.
     const Url remoteIndex = NoProxyCaching(url.Append("_index/index.dat"));
-    if (Result<std::uint64_t> copied = fetcher->FetchToFile(remoteIndex, localIndex); copied.HasError())
+    if (Result<std::uint64_t> copied = IndexFetcher()->FetchToFile(remoteIndex, localIndex); copied.HasError())
       return skip(copied.GetError());
     declare = disk->Mount(url, dir);
     if (declare.HasError()) return skip(declare.GetError());

@@ -10,6 +10,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "asset/core/asset_config.h"
 #include "asset/core/content_digest.h"
 #include "asset/standard/assets.h"
 #include "asset/types/category_asset.h"
@@ -54,7 +55,12 @@ struct Manager {
   Clock::time_point started;
   std::uint64_t totalBytes = 0;   // of the assets of the current progress entry
   std::uint64_t settledBytes = 0; // of its assets that have ended
+  std::uint64_t runningBytes = 0; // done of the assets in jobs, their JobEntry::done summed
+  Clock::time_point lastDetails;  // when the details text was last set
 };
+
+// The details text is rebuilt at most this often: transfers report many times a second.
+constexpr std::chrono::milliseconds kDetailsInterval{100};
 
 Manager& GetManager() {
   static Manager* manager = new Manager(); // never destroyed: jobs may end during static destruction
@@ -80,8 +86,7 @@ std::string SizeText(double bytes) {
 
 // "<percent>% (<done> of <total>, <rate>/s)". REQUIRES: m.lock held.
 std::string ProgressText(const Manager& m) {
-  std::uint64_t done = m.settledBytes;
-  for (const auto& [key, entry] : m.jobs) done += entry.done;
+  const std::uint64_t done = m.settledBytes + m.runningBytes;
   const double seconds = std::chrono::duration<double>(Clock::now() - m.started).count();
   const double rate = seconds > 0.0 ? static_cast<double>(done) / seconds : 0.0;
   const double percent = m.totalBytes ? 100.0 * static_cast<double>(done) / static_cast<double>(m.totalBytes) : 0.0;
@@ -97,7 +102,8 @@ BackgroundEntryRef EnsureProgressLocked(Manager& m) {
     m.progress = BackgroundProgress::AddActiveEntry(kProgressName);
     m.progress->SetCancelDelegate([] { AssetDownloads::DownloadManagerCancelAll(); });
     m.started = Clock::now();
-    m.totalBytes = m.settledBytes = 0;
+    m.totalBytes = m.settledBytes = m.runningBytes = 0;
+    m.lastDetails = Clock::time_point();
   }
   return m.progress;
 }
@@ -157,12 +163,16 @@ Result<void> Download(const AssetDescription& asset, const std::string& name, co
           if (auto it = m.jobs.find(key); it != m.jobs.end()) {
             // The size known in advance may be missing or wrong: the transfer's own total counts.
             if (total > it->second.size) m.totalBytes += total - it->second.size, it->second.size = total;
+            m.runningBytes = m.runningBytes - it->second.done + done;
             it->second.done = done;
           }
-          details = ProgressText(m);
+          if (const Clock::time_point now = Clock::now(); now - m.lastDetails >= kDetailsInterval) {
+            m.lastDetails = now;
+            details = ProgressText(m);
+          }
         }
         progress->SetJobProgress(progressJob, fraction);
-        progress->SetDetails(std::move(details));
+        if (!details.empty()) progress->SetDetails(std::move(details));
         if (IsCurrentJobCancelled()) return OperationCancelledError();
         return {};
       });
@@ -192,13 +202,29 @@ Result<void> RunJob(AssetKey key, const std::weak_ptr<const AssetDescriptionInte
     if (Result<void> r = download(); r.HasError() && !r.GetError().Is(errors::OperationCancelledError))
       DiagnosticOutput("Error executing job: @", r.GetError().GetMessage()); // the message holds the cause
   }
-  std::shared_ptr<JobQueue> released;
+  bool last = false;
   {
     std::lock_guard guard(m.lock);
     if (auto it = m.jobs.find(key); it != m.jobs.end()) {
       m.settledBytes += it->second.size;
+      m.runningBytes -= it->second.done;
       m.jobs.erase(it);
     }
+    last = m.jobs.empty();
+  }
+  // Files are fetched without a sync each; the last job syncs the mirrors once for all of them
+  // before the download counts as done. (A copy torn by a crash before this point fails the
+  // check against its version Id on its next read, and is fetched again.)
+  if (last) {
+    const Clock::time_point start = Clock::now();
+    if (Result<void> synced = RamDiskService::SyncMirrors(); synced.HasError())
+      WarningOutput("Downloaded files may not be on the disk yet: @", synced.GetError());
+    if (g_assetDiagnostic)
+      DiagnosticOutput("Downloaded files synced in @ s", std::chrono::duration<double>(Clock::now() - start).count());
+  }
+  std::shared_ptr<JobQueue> released;
+  {
+    std::lock_guard guard(m.lock);
     released = SettleIfIdleLocked(m, IsCurrentJobCancelled());
   }
   // On its own worker the pool detaches this thread, which ends after this job.
@@ -238,6 +264,7 @@ Result<void> Launch() {
   }
   for (auto it = m.jobs.begin(); it != m.jobs.end();) {
     if (it->second.asset.expired()) {
+      m.runningBytes -= it->second.done;
       it = m.jobs.erase(it);
       continue;
     }
@@ -292,6 +319,7 @@ void CancelAndWait(bool forgetErrors) {
   }
   std::lock_guard guard(m.lock);
   m.jobs.clear();
+  m.runningBytes = 0;
   (void)SettleIfIdleLocked(m, true);
   if (forgetErrors) m.errors.clear();
 }

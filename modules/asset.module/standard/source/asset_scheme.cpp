@@ -7,6 +7,7 @@
 #include <mutex>
 #include <unordered_set>
 
+#include "asset/core/content_digest.h"
 #include "asset/standard/assets.h"
 
 namespace kelvo {
@@ -327,6 +328,8 @@ Result<std::unique_ptr<InputStream>> AssetConnection::OpenInputStream() const {
   if (_description) {
     KELVO_ASSIGN_OR_RETURN(bool valid, AssetInterface::IsAssetValid(_description));
     if (!valid) return IllegalStateError("Asset not allowed in this app version.");
+    if (!_description->IsDeleted() && _description->GetUrl().GetValueOr(Url()) == _resolved)
+      KELVO_RETURN_ON_ERROR(CheckMirroredContent(_resolved, _description->GetIdAndVersion().second));
   }
   return _resolved.OpenInputStream();
 }

@@ -1,5 +1,5 @@
 // The watch folder repository: opening, the scan job, applying a scan to the listing, searches,
-// descriptions and the metadata kept in the store.
+// descriptions and names. Metadata in the store: filewatchassetrepository_store.cpp.
 
 #include "asset/watchfolder/filewatchassetrepository.h"
 
@@ -73,15 +73,6 @@ WatchFileEntry RootEntry() {
   root.assetType = g_categoryAssetTypeId;
   root.category = g_watchRootParentCategory;
   return root;
-}
-
-bool IsLegalMetaId(std::string_view id, char& bad) {
-  for (char c : id) {
-    if (std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '.' || c == '_') continue;
-    bad = c;
-    return false;
-  }
-  return true;
 }
 
 std::string Parent(const std::string& path) {
@@ -299,16 +290,23 @@ Result<void> FileWatchAssetRepositoryImpl::ScanJob() {
 
 Result<void> FileWatchAssetRepositoryImpl::ScanFolder(ScanContext& context) {
   const Clock::time_point start = Clock::now();
-  KELVO_RETURN_ON_ERROR(RegisterRootMonitor());
-  if (g_assetDiagnostic) DiagnosticOutput("  WatchFolder watches set: @", Elapsed(start));
+  // A new monitor watches the root only: this walk adds the directory watches as it goes, so
+  // the tree is walked once. Directories that appear later are watched by the monitor itself.
+  KELVO_ASSIGN_OR_RETURN(const bool newMonitor, RegisterRootMonitor());
+  if (g_assetDiagnostic) DiagnosticOutput("  WatchFolder root watch set: @", Elapsed(start));
   context.Add(*_ids, RootEntry());
+  DirectoryEntered entered;
+  if (newMonitor)
+    entered = [this](const std::string& dir, int fd) {
+      if (!dir.empty()) WatchEnteredDirectory(dir, fd);
+    };
   return WalkFolder(
       _folderPath, "", *_ids,
       [&](WatchFileEntry&& entry) -> Result<void> {
         context.Add(*_ids, std::move(entry));
         return {};
       },
-      true);
+      true, entered);
 }
 
 Result<void> FileWatchAssetRepositoryImpl::RescanPending(ScanContext& context, const std::set<std::string>& pending) {
@@ -634,83 +632,5 @@ Result<void> FileWatchAssetRepositoryImpl::SetRepositoryName(const std::string& 
   if (listed) return IllegalStateError("SetRepositoryName is blocked for custom databases.");
   return SetData(watchfolderkeys::watchfolderstring, Data(name));
 }
-
-// ---- metadata ----------------------------------------------------------------------------------
-
-Result<void> FileWatchAssetRepositoryImpl::StoreMetaData(const AssetDescription& asset, const InternedId& metaId,
-                                                         const Data& data, std::uint32_t kind) {
-  return StoreValue(asset, metaId, kind, data, Url());
-}
-
-Result<void> FileWatchAssetRepositoryImpl::StoreUrlMetaData(const AssetDescription& asset, const InternedId& metaId,
-                                                            const Url& source, std::uint32_t kind) {
-  const std::uint32_t base = kind & AssetMetaData::MASK & ~std::uint32_t(AssetMetaData::DERIVED | AssetMetaData::USER);
-  if (base != 2 && base != 6 && base != 7)
-    return IllegalArgumentError("Kind @ can't hold an attached file.", kind);
-  return StoreValue(asset, metaId, kind, Data(), source);
-}
-
-Result<void> FileWatchAssetRepositoryImpl::StoreValue(const AssetDescription& asset, const InternedId& metaId,
-                                                      std::uint32_t kind, const Data& valueIn, const Url& source) {
-  char bad = 0;
-  if (!IsLegalMetaId(metaId.ToString(), bad))
-    return IllegalArgumentError("Meta data id @ contains illegal character @.", metaId.ToString(), bad);
-  std::shared_ptr<WatchAssetNode> node = NodeOfDescription(asset);
-  if (!node)
-    return IllegalArgumentError("@ is no asset of watch folder @.", asset ? asset->GetIdAndVersion().first : Id(),
-                                _ids->repositoryId);
-  KELVO_ASSIGN_OR_RETURN(AssetDescription current, GetNodeDescription(node));
-  auto meta = std::dynamic_pointer_cast<AssetMetaDataImpl>(current->GetMetaData());
-  if (!meta) return IllegalStateError("Illegal state: Condition meta not fulfilled. ");
-  const std::uint32_t k = kind & AssetMetaData::MASK;
-  Data value = valueIn;
-  if (k & AssetMetaData::PERSISTENT) {
-    const std::uint32_t plain = k & ~std::uint32_t(AssetMetaData::USER);
-    if (plain != 2 && plain != 6 && plain != 7 && plain != 10)
-      return IllegalArgumentError("Illegal argument: Condition !(kind & AssetMetaData::KIND::PERSISTENT) not fulfilled. ");
-    KELVO_ASSIGN_OR_RETURN(value, WriteStoredValue(*_store, node->entry.urlHash, _ids->repositoryId, metaId, k, valueIn,
-                                                   source));
-    if (value.IsEmpty() && metaId == metaids::previewimageurl && node->entry.IsDirectory()) value = Data(_iconUrl);
-  }
-  KELVO_ASSIGN_OR_RETURN(Data previous, meta->Set(metaId, value, k, true));
-  HandleMetaDataStored(current, metaId, k, previous, value);
-  return {};
-}
-
-Result<std::optional<Data>> FileWatchAssetRepositoryImpl::LoadMetaDataImpl(const Data& vdata, const InternedId& metaId,
-                                                                           std::uint32_t kind) {
-  const std::uint64_t* urlHash = vdata.GetPtr<std::uint64_t>();
-  if (!urlHash) return IllegalArgumentError("Foreign version record @.", vdata);
-  return ReadStoredValue(*_store, *urlHash, metaId, kind);
-}
-
-Result<Url> FileWatchAssetRepositoryImpl::ResolveMetasqUrl(const Url& url) {
-  return ReadMetasqValue(*_store, _ids->repositoryId, url);
-}
-
-// The storage seam beyond metadata reads: a watch folder keeps no versions of its own.
-Result<void> FileWatchAssetRepositoryImpl::LoadExistingIdsImpl(const IdReceiver&) { return {}; }
-Result<void> FileWatchAssetRepositoryImpl::LoadVersionsImpl(const Id&, const Id&, const Data&, const VersionReceiver&) {
-  return {};
-}
-Result<Data> FileWatchAssetRepositoryImpl::CreateDataForIdImpl(const Id&, const Id&) {
-  return UnsupportedOperationError("Watch folder @ is read-only.", _ids->repositoryId);
-}
-Result<StoredVersion> FileWatchAssetRepositoryImpl::StoreImpl(const Asset&, bool, const Id&, const AssetDescription&,
-                                                              Data&, const VersionNumber&, bool) {
-  return UnsupportedOperationError("Watch folder @ is read-only.", _ids->repositoryId);
-}
-Result<void> FileWatchAssetRepositoryImpl::EraseImpl(const AssetDescription&, const Data&) {
-  return UnsupportedOperationError("Watch folder @ is read-only.", _ids->repositoryId);
-}
-Result<bool> FileWatchAssetRepositoryImpl::HandleAssetErasedCompletely(const Id&, const Data&) { return false; }
-Result<Data> FileWatchAssetRepositoryImpl::StoreMetaDataImpl(const Data&, const InternedId&, const Data&,
-                                                             const IdAndVersion&, const Url&, std::uint32_t, bool) {
-  return UnsupportedOperationError("Watch folder @ stores metadata through StoreMetaData.", _ids->repositoryId);
-}
-Result<VersionNumber> FileWatchAssetRepositoryImpl::GetNextVersionImpl() {
-  return UnsupportedOperationError("Watch folder @ is read-only.", _ids->repositoryId);
-}
-Result<void> FileWatchAssetRepositoryImpl::UpdateNextVersionImpl(const VersionNumber&) { return {}; }
 
 } // namespace kelvo

@@ -28,13 +28,14 @@ void CancelAndWait(const JobRef& job) {
 
 } // namespace
 
-Result<void> FileWatchAssetRepositoryImpl::RegisterRootMonitor() {
+Result<bool> FileWatchAssetRepositoryImpl::RegisterRootMonitor() {
   std::lock_guard guard(_monitorsLock);
-  if (_monitor) return {};
+  if (_monitor) return false;
   std::weak_ptr<FileWatchAssetRepositoryImpl> weak = _self;
   const std::string root = _folderPath;
   FileMonitor::Options options;
   options.maxWatches = _timings.maxWatches;
+  options.callerWalks = true;  // the scan that follows watches each directory it enters
   auto monitor = FileMonitor::WatchDirectory(
       Url::FromFile(_folderPath), true,
       [weak, root](const FileMonitor::Event& event) {
@@ -60,7 +61,16 @@ Result<void> FileWatchAssetRepositoryImpl::RegisterRootMonitor() {
   _monitor = std::move(monitor).GetValue();
   _recursiveMonitor = true;
   if (_monitor->GetStatus().watchLimitReached) NoteWatchLimit();
-  return {};
+  return true;
+}
+
+void FileWatchAssetRepositoryImpl::WatchEnteredDirectory(const std::string& relativeDir, int directoryFd) {
+  bool limit = false;
+  {
+    std::lock_guard guard(_monitorsLock);
+    limit = _monitor && !_monitor->WatchEntered(relativeDir, directoryFd) && _monitor->GetStatus().watchLimitReached;
+  }
+  if (limit) NoteWatchLimit();
 }
 
 void FileWatchAssetRepositoryImpl::NoteWatchLimit() {

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <unistd.h>
 
 #include "kelvo/job_queue.h"
 #include "kelvo/log.h"
@@ -30,11 +31,16 @@ UniversalDateTime ModifiedTime(const struct stat& st) {
 } // namespace
 
 Result<DirectoryListing> ListDirectory(const std::string& rootPath, const std::string& relativeDir,
-                                       const WatchFolderIds& ids) {
+                                       const WatchFolderIds& ids, const DirectoryEntered& entered) {
   const std::string path = relativeDir.empty() ? rootPath : rootPath + "/" + relativeDir;
-  std::unique_ptr<DIR, DirCloser> dir(opendir(path.c_str()));
-  if (!dir) return IoError("Can't read the directory @: @", path, std::strerror(errno));
-  const int fd = dirfd(dir.get());
+  const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  std::unique_ptr<DIR, DirCloser> dir(fd < 0 ? nullptr : ::fdopendir(fd));
+  if (!dir) {
+    const int error = errno;
+    if (fd >= 0) ::close(fd);
+    return IoError("Can't read the directory @: @", path, std::strerror(error));
+  }
+  if (entered) entered(relativeDir, fd);
   const Id category = ids.CategoryOf(relativeDir);
   DirectoryListing listing;
   errno = 0;
@@ -69,7 +75,7 @@ Result<DirectoryListing> ListDirectory(const std::string& rootPath, const std::s
 
 Result<void> WalkFolder(const std::string& rootPath, const std::string& relativeDir, const WatchFolderIds& ids,
                         const WatchEntryReceiver& receiver, bool cancellable,
-                        const std::function<void(const std::string&)>& onDirectory) {
+                        const DirectoryEntered& entered) {
   // An explicit stack: deep trees don't grow the thread's stack.
   std::vector<std::string> pending{relativeDir};
   bool top = true;
@@ -77,8 +83,7 @@ Result<void> WalkFolder(const std::string& rootPath, const std::string& relative
     if (cancellable && IsCurrentJobCancelled()) return OperationCancelledError();
     const std::string dir = std::move(pending.back());
     pending.pop_back();
-    if (onDirectory) onDirectory(dir);
-    Result<DirectoryListing> listing = ListDirectory(rootPath, dir, ids);
+    Result<DirectoryListing> listing = ListDirectory(rootPath, dir, ids, entered);
     if (listing.HasError()) {
       if (top) return listing.GetError();
       WarningOutput("Watch folder: @", listing.GetError());

@@ -18,19 +18,23 @@ struct DirectoryListing {
   bool hidden = false;
 };
 
+// Told of each directory that a walk enters, with a descriptor of it open for reading, before
+// its entries are read (so a watch set there misses nothing). The descriptor stays the walk's.
+using DirectoryEntered = std::function<void(const std::string& relativeDir, int directoryFd)>;
+
 // The entries directly in relativeDir of the folder at rootPath. A directory that can't be read
 // is an io error naming it. Any thread.
 Result<DirectoryListing> ListDirectory(const std::string& rootPath, const std::string& relativeDir,
-                                       const WatchFolderIds& ids);
+                                       const WatchFolderIds& ids, const DirectoryEntered& entered = nullptr);
 
 using WatchEntryReceiver = std::function<Result<void>(WatchFileEntry&& entry)>;
 
 // Hands every entry below relativeDir to receiver: the entries of a directory first, then those
 // of each of its sub-directories. A sub-directory that can't be read is logged and left out,
 // only the top directory's failure is an error. With cancellable, a cancelled job ends the walk
-// with OperationCancelledError. onDirectory, when set, is told of each directory entered.
+// with OperationCancelledError. entered, when set, is told of each directory entered.
 Result<void> WalkFolder(const std::string& rootPath, const std::string& relativeDir, const WatchFolderIds& ids,
                         const WatchEntryReceiver& receiver, bool cancellable,
-                        const std::function<void(const std::string& relativeDir)>& onDirectory = nullptr);
+                        const DirectoryEntered& entered = nullptr);
 
 } // namespace kelvo

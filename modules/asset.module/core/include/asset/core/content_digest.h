@@ -9,6 +9,7 @@
 #include <string>
 
 #include "kelvo/hash.h"
+#include "kelvo/id.h"
 #include "kelvo/result.h"
 #include "kelvo/url.h"
 
@@ -33,5 +34,12 @@ Result<void> CopyContent(const Url& source, const Url& destination, const FileCo
 // files are read once and copied inside the kernel; other URLs go through streams.
 Result<Digest> HashAndCopyFile(const Url& source, const Url& destination);
 std::string DigestToHex(const Digest& digest);
+
+// Content of a remote database, read from the mirror of its RAM disk ("ramdisk" URLs; others
+// pass), is checked against its version Id before its first use in a process: a download cut
+// short by a crash may have left it torn, and a server may have served something else. A copy
+// that fails is removed, so the next read fetches it again, and the error says so. A content
+// directory, or a version Id that is no SHA-256, is left to the download's own check.
+Result<void> CheckMirroredContent(const Url& content, const Id& versionId);
 
 } // namespace kelvo

@@ -29,7 +29,10 @@ std::string GetRemoteDatabaseCacheName(const Url& url);
 // The default cache path: <GLOBALPREFS_DIR>/_assetcache.
 Url GetDefaultAssetDatabaseCachePath();
 // The transfer settings of the index requests and of the RAM disks of later mounts (tools and
-// tests use short time-outs). Any thread.
+// tests use short time-outs). By default their files are not synced one by one (syncFiles off):
+// a download syncs the mirrors once at its end, and every version's content is checked against
+// its version Id before its first use in a process, so a copy torn by a crash is fetched again.
+// The local index is synced whatever the settings. Any thread.
 void SetRemoteDatabaseHttpOptions(const HttpOptions& options);
 
 } // namespace kelvo

@@ -137,7 +137,10 @@ private:
   Result<void> WaitForListing();
 
   // Live updates (filewatchassetrepository_live.cpp).
-  Result<void> RegisterRootMonitor();
+  // Watches the root, once; true when this call made the monitor.
+  Result<bool> RegisterRootMonitor();
+  // Watches a directory that the first walk enters, before it is listed.
+  void WatchEnteredDirectory(const std::string& relativeDir, int directoryFd);
   void HandleFileChange(const std::string& relativePath, bool fullRescan);
   void MarkChange(const std::string& relativePath);
   void ArmUpdateTimer();
