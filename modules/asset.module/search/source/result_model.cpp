@@ -218,8 +218,17 @@ GroupingAdder::GroupingAdder(GroupingSettings settings, AssetFactsReader& reader
 }
 
 Result<void> GroupingAdder::Add(AssetFacts& facts, std::string reasonText) {
+  // The row is made in its place in the group and never moved; one that can't be filled is
+  // taken out again.
+  KELVO_ASSIGN_OR_RETURN(BrowserEntry * group, GroupOf(facts));
+  BrowserEntryList& rows = *group->children;
+  Result<void> filled = FillRow(rows.emplace_back(), facts, std::move(reasonText));
+  if (filled.HasError()) rows.pop_back();
+  return filled;
+}
+
+Result<void> GroupingAdder::FillRow(BrowserEntry& entry, AssetFacts& facts, std::string&& reasonText) {
   const ConfigSort& config = _settings.config;
-  BrowserEntry entry;
   entry.source = &facts;
   entry.id = facts.assetId;
   entry.nameKey = facts.nameKey;
@@ -265,9 +274,6 @@ Result<void> GroupingAdder::Add(AssetFacts& facts, std::string reasonText) {
     break;
   }
   if (config.sortFirst == ASSETSORTFIRST::FAVORITES) entry.isFavourite = _reader.Favourite(facts);
-
-  KELVO_ASSIGN_OR_RETURN(BrowserEntry * group, GroupOf(facts));
-  group->children->push_back(std::move(entry));
   return {};
 }
 
@@ -305,7 +311,12 @@ Result<BrowserEntry*> GroupingAdder::GroupOf(AssetFacts& facts) {
     if (added) slot->second = Id("sort_" + std::to_string(bucket.sortNumber));
     groupId = slot->second;
   }
-  if (auto hit = _groupIndex.find(groupId); hit != _groupIndex.end()) return &_groups[hit->second];
+  // Rows come in runs of one group (a list grouped by nothing is one long run).
+  if (_lastGroup < _groups.size() && _groups[_lastGroup].id == groupId) return &_groups[_lastGroup];
+  if (auto hit = _groupIndex.find(groupId); hit != _groupIndex.end()) {
+    _lastGroup = hit->second;
+    return &_groups[hit->second];
+  }
   if (groupBy == ASSETGROUPBY::CREATIONDATE)
     bucket.name = DateBucketName(bucket.sortNumber, days, "assetcreationdateunknown");
   else if (groupBy == ASSETGROUPBY::USEDATE)
@@ -352,6 +363,7 @@ Result<BrowserEntry*> GroupingAdder::GroupOf(AssetFacts& facts) {
   }
   group.nameKey = _keys.emplace_back(MakeCollationKey(Lower(group.name)));
   _groupIndex.emplace(groupId, _groups.size());
+  _lastGroup = _groups.size();
   _groups.push_back(std::move(group));
   return &_groups.back();
 }
@@ -359,6 +371,7 @@ Result<BrowserEntry*> GroupingAdder::GroupOf(AssetFacts& facts) {
 BrowserEntryList GroupingAdder::TakeGroups() {
   _groupIndex.clear();
   _bucketIds.clear();
+  _lastGroup = SIZE_MAX;
   return std::exchange(_groups, BrowserEntryList());
 }
 
@@ -427,6 +440,9 @@ BrowserEntry& Materialize(const BrowserEntry& row, BrowserEntry& scratch) {
   return scratch;
 }
 
+// The rows of a long list that are handed over before the rest of it is sorted.
+constexpr std::size_t kFirstRows = 200;
+
 bool IsFalse(const Data& data) {
   const bool* value = data.GetPtr<bool>();
   return value && !*value;
@@ -449,17 +465,28 @@ Result<void> DeliverEntries(const DeliveryContext& context, BrowserEntryList& en
   } else {
     sorted = false;
   }
-  // The rows stay in place and an order of them is sorted, which moves no strings.
+  // The rows stay in place and an order of them is sorted, which moves no strings. A long list
+  // sorts its first rows alone, hands them over, and sorts the rest behind them.
   std::vector<std::uint32_t> order(entries.size());
   for (std::size_t i = 0; i < order.size(); ++i) order[i] = static_cast<std::uint32_t>(i);
-  if (sorted && entries.size() >= 2)
-    std::sort(order.begin(), order.end(),
-              [&](std::uint32_t a, std::uint32_t b) { return sort.LessThan(entries[a], entries[b]); });
+  const auto less = [&](std::uint32_t a, std::uint32_t b) { return sort.LessThan(entries[a], entries[b]); };
+  std::size_t sortedRows = order.size();
+  if (sorted && order.size() > 2 * kFirstRows) {
+    sortedRows = kFirstRows;
+    std::partial_sort(order.begin(), order.begin() + kFirstRows, order.end(), less);
+  } else if (sorted && order.size() >= 2) {
+    std::sort(order.begin(), order.end(), less);
+  }
   if (context.isCancelled && context.isCancelled()) return OperationCancelledError();
 
   const std::vector<bool> dropped = FindDroppedRows(entries, config);
   BrowserEntry scratch; // the delivered form of rows built from facts; its buffers are reused
-  for (const std::uint32_t i : order) {
+  for (std::size_t position = 0; position < order.size(); ++position) {
+    if (position == sortedRows) {
+      std::sort(order.begin() + static_cast<std::ptrdiff_t>(position), order.end(), less);
+      if (context.isCancelled && context.isCancelled()) return OperationCancelledError();
+    }
+    const std::uint32_t i = order[position];
     if (!dropped.empty() && dropped[i]) continue;
     BrowserEntry& row = entries[i].source ? Materialize(entries[i], scratch) : entries[i];
     if (context.mode == ASSETBROWSERMODE::CATEGORIES && context.skipWatchfolders && IsWatchFolderTreeRow(row))

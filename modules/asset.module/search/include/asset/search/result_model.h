@@ -3,6 +3,7 @@
 // of its group, the date and use count buckets of the groups, and the delivery walk that sorts a
 // list and hands its rows to the entry delegate, recursing into child lists.
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -61,6 +62,7 @@ public:
 
 private:
   Result<BrowserEntry*> GroupOf(AssetFacts& facts);
+  Result<void> FillRow(BrowserEntry& entry, AssetFacts& facts, std::string&& reasonText);
 
   GroupingSettings _settings;
   AssetFactsReader& _reader;
@@ -71,6 +73,7 @@ private:
   std::unordered_map<std::int64_t, Id> _bucketIds;
   std::int64_t _todayDay = 0; // local day number of today
   std::size_t _expectedRows = 0;
+  std::size_t _lastGroup = SIZE_MAX; // index of the group of the last row
 };
 
 // What the delivery walk needs of the browser.
