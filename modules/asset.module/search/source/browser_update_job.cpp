@@ -301,6 +301,7 @@ Result<void> AssetBrowserImpl::RunFilterPipeline(const Data& root, const AssetRe
   grouping.relevance = settings.relevance;
   grouping.today = UniversalDateTime::GetNow();
   GroupingAdder adder(grouping, walk->reader);
+  adder.ReuseRows(walk->spareRows);
 
   // Everything beside the words that decides which assets pass.
   const std::string passContext =
@@ -363,6 +364,7 @@ Result<BrowserWalk*> AssetBrowserImpl::FreshWalk(const AssetRepositoryRef& repos
   if (walk.repository.lock() != repository) ObserveRepository(repository);
   walk.complete = false;
   walk.passedValid = false;
+  walk.spareRows->clear();
   walk.assets.clear();
   walk.keywordsAndSubtypes.clear();
   walk.hasKeywordsAndSubtypes = false;

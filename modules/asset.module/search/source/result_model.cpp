@@ -326,7 +326,12 @@ Result<BrowserEntry*> GroupingAdder::GroupOf(AssetFacts& facts) {
   group.isGroup = true;
   group.id = groupId;
   group.config = _settings.config;
-  group.children = std::make_shared<BrowserEntryList>();
+  if (_spareRows) {
+    group.children = std::exchange(_spareRows, nullptr);
+    group.children->clear();
+  } else {
+    group.children = std::make_shared<BrowserEntryList>();
+  }
   if (groupBy == ASSETGROUPBY::NOTHING) group.children->reserve(_expectedRows);
   const AssetRepositoryRef lookup = facts.repository;
   switch (groupBy) {
