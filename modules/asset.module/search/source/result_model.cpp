@@ -494,11 +494,17 @@ Result<void> DeliverEntries(const DeliveryContext& context, BrowserEntryList& en
       std::sort(order.begin() + static_cast<std::ptrdiff_t>(position), order.end(), less);
       if (context.isCancelled && context.isCancelled()) return OperationCancelledError();
     }
-    // Rows are visited in sorted order, all over memory: their lines and those of their facts
-    // are asked for some rows ahead.
-    if (position + kAhead < order.size()) __builtin_prefetch(&entries[order[position + kAhead]]);
+    // Rows are visited in sorted order, all over memory: a row, its facts and the facts' asset
+    // (whose shared count lies beside it) are asked for in turn some rows ahead.
+    if (position + kAhead < order.size()) {
+      const BrowserEntry& far = entries[order[position + kAhead]];
+      __builtin_prefetch(&far);
+      __builtin_prefetch(&far.source);
+    }
     if (position + kAhead / 2 < order.size())
       if (const AssetFacts* ahead = entries[order[position + kAhead / 2]].source) __builtin_prefetch(ahead);
+    if (position + kAhead / 4 < order.size())
+      if (const AssetFacts* ahead = entries[order[position + kAhead / 4]].source) __builtin_prefetch(ahead->asset.get());
     const std::uint32_t i = order[position];
     if (!dropped.empty() && dropped[i]) continue;
     BrowserEntry& row = entries[i].source ? Materialize(entries[i], scratch) : entries[i];
