@@ -40,6 +40,8 @@ struct BrowserWalk {
   std::vector<std::uint32_t> passed;
   std::string passedText;
   std::string passedContext;
+  // The rows of the last job, whose memory the next job's rows take.
+  std::shared_ptr<BrowserEntryList> spareRows = std::make_shared<BrowserEntryList>();
 };
 
 // Counts the changes stored in the repositories a walk searched; observers of their channels

@@ -67,8 +67,14 @@ Result<AssetFacts> AssetFactsReader::Read(const AssetDescription& asset, const A
   }
   facts.categoryId = category;
 
-  KELVO_ASSIGN_OR_RETURN(facts.name, asset->GetMetaString(stringkeys::name, Language::GetCurrentLanguage(), std::string()));
+  const LanguageRef language = Language::GetCurrentLanguage();
+  KELVO_ASSIGN_OR_RETURN(facts.name, asset->GetMetaString(stringkeys::name, language, std::string()));
   facts.upperName = ToUpperText(facts.name);
+  // The filter reads the same name, in the same language.
+  facts.record.Reset(asset);
+  facts.record.language = language;
+  facts.record.upperName = facts.upperName;
+  facts.record.read |= FilterRecord::NAME;
   const std::string lowerName = LowerAscii(facts.name);
   facts.nameKey = MakeCollationKey(lowerName);
   KELVO_ASSIGN_OR_RETURN(std::optional<std::string> sort, ReadMeta<std::string>(asset, typenameids::sort));

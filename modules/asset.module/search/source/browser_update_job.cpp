@@ -69,7 +69,7 @@ struct AssetFilterContext {
   std::shared_ptr<const void> lookupContext;
 };
 
-Result<FILTERASSETRESULT> FilterAsset(const AssetFacts& facts, std::string& reason, AssetFilterContext& context) {
+Result<FILTERASSETRESULT> FilterAsset(AssetFacts& facts, std::string& reason, AssetFilterContext& context) {
   constexpr FILTERASSETRESULT SKIP = FILTERASSETRESULT::SKIP;
   const Id& type = facts.typeId;
   const Id& aid = facts.assetId;
@@ -99,7 +99,7 @@ Result<FILTERASSETRESULT> FilterAsset(const AssetFacts& facts, std::string& reas
     if (facts.commandHidden && !context.showHiddenFlaggedCommandAssets) return SKIP;
   }
   if (context.filter) {
-    KELVO_ASSIGN_OR_RETURN(bool rejected, context.filter->Evaluate(facts.asset, reason, *context.cache));
+    KELVO_ASSIGN_OR_RETURN(bool rejected, context.filter->Evaluate(facts.record, reason, *context.cache));
     if (rejected) return SKIP;
     if (context.localNoSmart && type != typeids::category) context.filter->AddMatchedCategory(facts.categoryId);
   }
@@ -301,6 +301,7 @@ Result<void> AssetBrowserImpl::RunFilterPipeline(const Data& root, const AssetRe
   grouping.relevance = settings.relevance;
   grouping.today = UniversalDateTime::GetNow();
   GroupingAdder adder(grouping, walk->reader);
+  adder.ReuseRows(walk->spareRows);
 
   // Everything beside the words that decides which assets pass.
   const std::string passContext =
@@ -322,7 +323,7 @@ Result<void> AssetBrowserImpl::RunFilterPipeline(const Data& root, const AssetRe
                                                               : FilterAsset(facts, reason, context);
     if (decided.HasError() || *decided == FILTERASSETRESULT::SKIP) return;
     passed.push_back(index);
-    (void)adder.Add(facts, reason).HasValue();
+    (void)adder.Add(facts, std::move(reason)).HasValue();
   };
   const std::size_t candidates = narrowing ? walk->passed.size() : walk->assets.size();
   adder.ExpectRows(candidates);
@@ -363,6 +364,7 @@ Result<BrowserWalk*> AssetBrowserImpl::FreshWalk(const AssetRepositoryRef& repos
   if (walk.repository.lock() != repository) ObserveRepository(repository);
   walk.complete = false;
   walk.passedValid = false;
+  walk.spareRows->clear();
   walk.assets.clear();
   walk.keywordsAndSubtypes.clear();
   walk.hasKeywordsAndSubtypes = false;

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "asset/downloads/asset_downloads.h"
 #include "asset/search/text_case.h"
 #include "asset/search/value_forms.h"
 #include "asset/types/keyword_asset.h"
@@ -227,11 +228,10 @@ Result<Candidate> ReadCandidate(FILTERKEY key, const Id& metaId, EvaluationState
   case FILTERKEY::VERSIONCOUNT: return VersionsCandidate(state);
   case FILTERKEY::INSTALLED:
   case FILTERKEY::DOWNLOADING: {
-    // Content on a RAM disk is a remote asset that isn't fetched yet; everything else is local.
-    // Nothing is being fetched while no download service runs.
-    Result<Url> url = asset->GetUrl();
-    const bool remote = url.HasValue() && url->GetScheme() == "ramdisk";
-    return FlagCandidate(key == FILTERKEY::INSTALLED ? !remote : false);
+    // Asked anew each time and kept in no record: a download changes the answer, not the asset.
+    static const AssetDescriptionSet none;
+    KELVO_ASSIGN_OR_RETURN(DOWNLOADSTATE download, AssetDownloads::GetDownloadState(asset, none));
+    return FlagCandidate(download == (key == FILTERKEY::INSTALLED ? DOWNLOADSTATE::YES : DOWNLOADSTATE::INPROGRESS));
   }
   case FILTERKEY::PROTECTED: {
     const AssetRepositoryRef repository = asset->GetRepository();

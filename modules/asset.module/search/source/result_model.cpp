@@ -218,10 +218,20 @@ GroupingAdder::GroupingAdder(GroupingSettings settings, AssetFactsReader& reader
 }
 
 Result<void> GroupingAdder::Add(AssetFacts& facts, std::string reasonText) {
+  // The row is made in its place in the group and never moved; one that can't be filled is
+  // taken out again.
+  KELVO_ASSIGN_OR_RETURN(BrowserEntry * group, GroupOf(facts));
+  BrowserEntryList& rows = *group->children;
+  Result<void> filled = FillRow(rows.emplace_back(), facts, std::move(reasonText));
+  if (filled.HasError()) rows.pop_back();
+  return filled;
+}
+
+Result<void> GroupingAdder::FillRow(BrowserEntry& entry, AssetFacts& facts, std::string&& reasonText) {
   const ConfigSort& config = _settings.config;
-  BrowserEntry entry;
+  // The id, like the texts, is taken from the facts on delivery: copying it here would touch
+  // the id's shared count, a cache miss per row.
   entry.source = &facts;
-  entry.id = facts.assetId;
   entry.nameKey = facts.nameKey;
   entry.reasonText = std::move(reasonText);
   entry.duplicateKind = facts.duplicateKind;
@@ -265,9 +275,6 @@ Result<void> GroupingAdder::Add(AssetFacts& facts, std::string reasonText) {
     break;
   }
   if (config.sortFirst == ASSETSORTFIRST::FAVORITES) entry.isFavourite = _reader.Favourite(facts);
-
-  KELVO_ASSIGN_OR_RETURN(BrowserEntry * group, GroupOf(facts));
-  group->children->push_back(std::move(entry));
   return {};
 }
 
@@ -305,7 +312,12 @@ Result<BrowserEntry*> GroupingAdder::GroupOf(AssetFacts& facts) {
     if (added) slot->second = Id("sort_" + std::to_string(bucket.sortNumber));
     groupId = slot->second;
   }
-  if (auto hit = _groupIndex.find(groupId); hit != _groupIndex.end()) return &_groups[hit->second];
+  // Rows come in runs of one group (a list grouped by nothing is one long run).
+  if (_lastGroup < _groups.size() && _groups[_lastGroup].id == groupId) return &_groups[_lastGroup];
+  if (auto hit = _groupIndex.find(groupId); hit != _groupIndex.end()) {
+    _lastGroup = hit->second;
+    return &_groups[hit->second];
+  }
   if (groupBy == ASSETGROUPBY::CREATIONDATE)
     bucket.name = DateBucketName(bucket.sortNumber, days, "assetcreationdateunknown");
   else if (groupBy == ASSETGROUPBY::USEDATE)
@@ -315,7 +327,12 @@ Result<BrowserEntry*> GroupingAdder::GroupOf(AssetFacts& facts) {
   group.isGroup = true;
   group.id = groupId;
   group.config = _settings.config;
-  group.children = std::make_shared<BrowserEntryList>();
+  if (_spareRows) {
+    group.children = std::exchange(_spareRows, nullptr);
+    group.children->clear();
+  } else {
+    group.children = std::make_shared<BrowserEntryList>();
+  }
   if (groupBy == ASSETGROUPBY::NOTHING) group.children->reserve(_expectedRows);
   const AssetRepositoryRef lookup = facts.repository;
   switch (groupBy) {
@@ -352,6 +369,7 @@ Result<BrowserEntry*> GroupingAdder::GroupOf(AssetFacts& facts) {
   }
   group.nameKey = _keys.emplace_back(MakeCollationKey(Lower(group.name)));
   _groupIndex.emplace(groupId, _groups.size());
+  _lastGroup = _groups.size();
   _groups.push_back(std::move(group));
   return &_groups.back();
 }
@@ -359,6 +377,7 @@ Result<BrowserEntry*> GroupingAdder::GroupOf(AssetFacts& facts) {
 BrowserEntryList GroupingAdder::TakeGroups() {
   _groupIndex.clear();
   _bucketIds.clear();
+  _lastGroup = SIZE_MAX;
   return std::exchange(_groups, BrowserEntryList());
 }
 
@@ -405,7 +424,7 @@ bool IsWatchFolderTreeRow(const BrowserEntry& row) {
          type == "net.kelvo.assettype.category";
 }
 
-// Fills scratch with row and the texts, asset and repository of its facts.
+// Fills scratch with row and the id, texts, asset and repository of its facts.
 BrowserEntry& Materialize(const BrowserEntry& row, BrowserEntry& scratch) {
   const AssetFacts& facts = *row.source;
   scratch.isGroup = row.isGroup;
@@ -418,7 +437,7 @@ BrowserEntry& Materialize(const BrowserEntry& row, BrowserEntry& scratch) {
   scratch.descriptionText.assign(facts.descriptionText);
   scratch.shortcutsText.assign(facts.shortcutsText);
   scratch.helpText.assign(facts.helpText);
-  scratch.id = row.id;
+  scratch.id = facts.assetId;
   scratch.asset = facts.asset;
   scratch.repository = facts.repository;
   scratch.extraFlag = row.extraFlag;
@@ -426,6 +445,11 @@ BrowserEntry& Materialize(const BrowserEntry& row, BrowserEntry& scratch) {
   scratch.config = row.config;
   return scratch;
 }
+
+// The rows of a long list that are handed over before the rest of it is sorted.
+constexpr std::size_t kFirstRows = 200;
+// How many rows ahead of the one delivered its memory is fetched.
+constexpr std::size_t kAhead = 16;
 
 bool IsFalse(const Data& data) {
   const bool* value = data.GetPtr<bool>();
@@ -449,17 +473,39 @@ Result<void> DeliverEntries(const DeliveryContext& context, BrowserEntryList& en
   } else {
     sorted = false;
   }
-  // The rows stay in place and an order of them is sorted, which moves no strings.
+  // The rows stay in place and an order of them is sorted, which moves no strings. A long list
+  // sorts its first rows alone, hands them over, and sorts the rest behind them.
   std::vector<std::uint32_t> order(entries.size());
   for (std::size_t i = 0; i < order.size(); ++i) order[i] = static_cast<std::uint32_t>(i);
-  if (sorted && entries.size() >= 2)
-    std::sort(order.begin(), order.end(),
-              [&](std::uint32_t a, std::uint32_t b) { return sort.LessThan(entries[a], entries[b]); });
+  const auto less = [&](std::uint32_t a, std::uint32_t b) { return sort.LessThan(entries[a], entries[b]); };
+  std::size_t sortedRows = order.size();
+  if (sorted && order.size() > 2 * kFirstRows) {
+    sortedRows = kFirstRows;
+    std::partial_sort(order.begin(), order.begin() + kFirstRows, order.end(), less);
+  } else if (sorted && order.size() >= 2) {
+    std::sort(order.begin(), order.end(), less);
+  }
   if (context.isCancelled && context.isCancelled()) return OperationCancelledError();
 
   const std::vector<bool> dropped = FindDroppedRows(entries, config);
   BrowserEntry scratch; // the delivered form of rows built from facts; its buffers are reused
-  for (const std::uint32_t i : order) {
+  for (std::size_t position = 0; position < order.size(); ++position) {
+    if (position == sortedRows) {
+      std::sort(order.begin() + static_cast<std::ptrdiff_t>(position), order.end(), less);
+      if (context.isCancelled && context.isCancelled()) return OperationCancelledError();
+    }
+    // Rows are visited in sorted order, all over memory: a row, its facts and the facts' asset
+    // (whose shared count lies beside it) are asked for in turn some rows ahead.
+    if (position + kAhead < order.size()) {
+      const BrowserEntry& far = entries[order[position + kAhead]];
+      __builtin_prefetch(&far);
+      __builtin_prefetch(&far.source);
+    }
+    if (position + kAhead / 2 < order.size())
+      if (const AssetFacts* ahead = entries[order[position + kAhead / 2]].source) __builtin_prefetch(ahead);
+    if (position + kAhead / 4 < order.size())
+      if (const AssetFacts* ahead = entries[order[position + kAhead / 4]].source) __builtin_prefetch(ahead->asset.get());
+    const std::uint32_t i = order[position];
     if (!dropped.empty() && dropped[i]) continue;
     BrowserEntry& row = entries[i].source ? Materialize(entries[i], scratch) : entries[i];
     if (context.mode == ASSETBROWSERMODE::CATEGORIES && context.skipWatchfolders && IsWatchFolderTreeRow(row))

@@ -1,7 +1,8 @@
 #pragma once
 // What a browser row shows and sorts by for one asset, read once from the asset's metadata and
 // kept by a browser while its repositories don't change, so that a new filter text, grouping or
-// sort builds its rows without reading metadata again.
+// sort builds its rows without reading metadata again. The filter record beside them keeps what
+// filters read, for as long as the facts are kept.
 
 #include <cstdint>
 #include <optional>
@@ -9,6 +10,7 @@
 #include <unordered_map>
 
 #include "asset/core/assetrepository.h"
+#include "asset/search/filter_record.h"
 #include "asset/search/type_names.h"
 #include "kelvo/datetime.h"
 
@@ -47,6 +49,10 @@ struct AssetFacts {
   std::optional<std::int64_t> fileSize;
   std::optional<bool> favourite;
   std::optional<bool> valid;
+
+  // What filters read of the asset, starting with the name read above; dropped with the facts
+  // when anything is stored in the browser's repositories or the language changes.
+  FilterRecord record;
 };
 
 // Reads facts and keeps the lookups that many assets share (categories, breadcrumbs, type and

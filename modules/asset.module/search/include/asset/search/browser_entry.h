@@ -93,8 +93,8 @@ struct BrowserEntry {
   ConfigSort config;
   std::shared_ptr<BrowserEntryList> children;
   std::uint8_t duplicateKind = 0; // a node template (1) or a command (2) that a relevance list may drop
-  // A row of an asset list leaves name, texts, asset and repository empty and takes them from
-  // these facts when it is delivered, so that building and sorting many rows copies no text.
+  // A row of an asset list leaves id, name, texts, asset and repository empty and takes them
+  // from these facts when it is delivered, so that building and sorting many rows copies no text.
   const AssetFacts* source = nullptr;
 };
 

@@ -3,8 +3,10 @@
 // of its group, the date and use count buckets of the groups, and the delivery walk that sorts a
 // list and hands its rows to the entry delegate, recursing into child lists.
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -53,6 +55,9 @@ public:
 
   // Room for rows assets in a list of one group (a grouping by nothing), made once.
   void ExpectRows(std::size_t rows) { _expectedRows = rows; }
+  // A list whose memory the first group takes for its rows (emptied first), so that a browser
+  // keeping it between jobs doesn't have fresh pages of memory handed to it each time.
+  void ReuseRows(std::shared_ptr<BrowserEntryList> rows) { _spareRows = std::move(rows); }
 
   // The group rows, each with its children. Their keys view the adder and the facts of the
   // assets, so the adder and the facts must outlive the delivery of the rows.
@@ -61,6 +66,7 @@ public:
 
 private:
   Result<BrowserEntry*> GroupOf(AssetFacts& facts);
+  Result<void> FillRow(BrowserEntry& entry, AssetFacts& facts, std::string&& reasonText);
 
   GroupingSettings _settings;
   AssetFactsReader& _reader;
@@ -71,6 +77,8 @@ private:
   std::unordered_map<std::int64_t, Id> _bucketIds;
   std::int64_t _todayDay = 0; // local day number of today
   std::size_t _expectedRows = 0;
+  std::size_t _lastGroup = SIZE_MAX; // index of the group of the last row
+  std::shared_ptr<BrowserEntryList> _spareRows;
 };
 
 // What the delivery walk needs of the browser.
