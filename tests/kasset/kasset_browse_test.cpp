@@ -14,12 +14,10 @@ namespace {
 namespace fs = std::filesystem;
 using kelvo::testing::KassetRun;
 
-class KassetBrowseTest : public ::testing::Test {
+class KassetBrowseTest : public kelvo::testing::KassetFixture {
 protected:
   void SetUp() override {
-    static int counter = 0;
-    root = fs::temp_directory_path() / ("kasset_browse_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
-    fs::create_directories(root);
+    KassetFixture::SetUp();
     std::ofstream(root / "a.txt") << "a\n";
     std::ofstream(root / "b.txt") << std::string(3000, 'b');
     ASSERT_EQ(Kasset({"init", Repo()}).code, 0);
@@ -27,19 +25,7 @@ protected:
     ASSERT_EQ(InRepo({"add", "--id", "pine", "--name", "Pine beam", (root / "b.txt").string()}).code, 0);
     ASSERT_EQ(InRepo({"tag", "pine", "wood", "--new"}).code, 0);
   }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(root, ec);
-  }
 
-  std::string Repo() const { return (root / "repo").string(); }
-  KassetRun Kasset(const std::vector<std::string>& args) { return kelvo::testing::RunKasset(root, args); }
-  KassetRun InRepo(std::vector<std::string> args) {
-    args.insert(args.begin(), {"--repo", Repo()});
-    return Kasset(args);
-  }
-
-  fs::path root;
 };
 
 TEST_F(KassetBrowseTest, GroupsRowsReasonsAndOptions) {

@@ -23,10 +23,6 @@ protected:
     Write(root / "files" / "b.txt", "beta\n");
     ASSERT_EQ(Kasset({"init", "repo"}).code, 0);
   }
-  KassetRun InRepo(std::vector<std::string> args) {
-    args.insert(args.begin(), {"--repo", (root / "repo").string()});
-    return Kasset(args);
-  }
   // The version directory holding a file whose content is text.
   fs::path VersionHolding(const std::string& text) {
     for (const auto& e : fs::recursive_directory_iterator(root / "repo"))

@@ -32,10 +32,10 @@ protected:
               0);
   }
 
-  std::string Repo() const { return (root / "repo").string(); }
+  // kasset with the repository and the database mounted under it.
   KassetRun InRepo(std::vector<std::string> args) {
-    args.insert(args.begin(), {"--repo", Repo(), "--mount", (root / "db").string()});
-    return Kasset(args);
+    args.insert(args.begin(), {"--mount", (root / "db").string()});
+    return KassetFixture::InRepo(std::move(args));
   }
   static bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 };

@@ -14,12 +14,10 @@ namespace {
 namespace fs = std::filesystem;
 using kelvo::testing::KassetRun;
 
-class KassetLinksTest : public ::testing::Test {
+class KassetLinksTest : public kelvo::testing::KassetFixture {
 protected:
   void SetUp() override {
-    static int counter = 0;
-    root = fs::temp_directory_path() / ("kasset_links_" + std::to_string(::getpid()) + "_" + std::to_string(counter++));
-    fs::create_directories(root);
+    KassetFixture::SetUp();
     for (const char* name : {"a", "b", "c", "a2"}) std::ofstream(root / (std::string(name) + ".txt")) << name << "\n";
     ASSERT_EQ(Kasset({"init", Repo()}).code, 0);
     // c depends on b and a, b on a; then a new version of a depends on c: a cycle.
@@ -27,17 +25,6 @@ protected:
     ASSERT_EQ(Add("b", "b.txt", "a"), 0);
     ASSERT_EQ(Add("c", "c.txt", "b,a"), 0);
     ASSERT_EQ(Add("a", "a2.txt", "c"), 0);
-  }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(root, ec);
-  }
-
-  std::string Repo() const { return (root / "repo").string(); }
-  KassetRun Kasset(const std::vector<std::string>& args) { return kelvo::testing::RunKasset(root, args); }
-  KassetRun InRepo(std::vector<std::string> args) {
-    args.insert(args.begin(), {"--repo", Repo()});
-    return Kasset(args);
   }
   int Add(const std::string& id, const std::string& file, const std::string& depends) {
     std::vector<std::string> args{"add", "--id", id, (root / file).string()};
@@ -58,7 +45,6 @@ protected:
     return shape;
   }
 
-  fs::path root;
 };
 
 TEST_F(KassetLinksTest, TreesBothWaysEndAtCyclesAndRepeats) {

@@ -31,6 +31,12 @@ protected:
   void SetUp() override;
   void TearDown() override;
   KassetRun Kasset(const std::vector<std::string>& args) { return RunKasset(root, args); }
+  // The repository root/repo, and kasset run with it as the target repository.
+  std::string Repo() const { return (root / "repo").string(); }
+  KassetRun InRepo(std::vector<std::string> args) {
+    args.insert(args.begin(), {"--repo", Repo()});
+    return Kasset(args);
+  }
   // Writes content to path, making its directories first.
   static void Write(const std::filesystem::path& path, const std::string& content);
 

@@ -27,11 +27,6 @@ protected:
     pine = Add("pine.txt", "pine");
   }
 
-  std::string Repo() const { return (root / "repo").string(); }
-  KassetRun InRepo(std::vector<std::string> args) {
-    args.insert(args.begin(), {"--repo", Repo()});
-    return Kasset(args);
-  }
   std::string Add(const std::string& file, const std::string& id) {
     KassetRun r = InRepo({"add", "--id", id, (root / file).string()});
     EXPECT_EQ(r.code, 0) << r.err;
