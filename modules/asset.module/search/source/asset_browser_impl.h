@@ -40,6 +40,8 @@ struct BrowserWalk {
   std::vector<std::uint32_t> passed;
   std::string passedText;
   std::string passedContext;
+  // How many records, from the first, hold every value a filter reads (SearchFilter::Fill).
+  std::size_t filled = 0;
   // The rows of the last job, whose memory the next job's rows take.
   std::shared_ptr<BrowserEntryList> spareRows = std::make_shared<BrowserEntryList>();
 };
@@ -134,6 +136,7 @@ private:
   static Result<void> RunUpdateJob(const std::weak_ptr<AssetBrowserInterface>& weak);
   Result<void> UpdateJob();
   Result<void> RunFilterPipeline(const Data& root, const AssetRepositoryRef& repository, const BuildEntryDelegate& delegate);
+  Result<void> FillRecords(BrowserWalk& walk, const AssetRepositoryRef& repository, LENGTHUNITSYSTEM lengthUnitSystem);
   Result<BrowserWalk*> FreshWalk(const AssetRepositoryRef& repository, const JobSettings& settings);
   Result<void> Walk(BrowserWalk& walk, const AssetRepositoryRef& repository);
   // Whether the settings still ask for the walk's repository, types and databases.

@@ -349,7 +349,30 @@ Result<void> AssetBrowserImpl::RunFilterPipeline(const Data& root, const AssetRe
   };
   DeliveryContext delivery{browser, _mode, settings.skipWatchfolders, [] { return IsCurrentJobCancelled(); }};
   BrowserEntryList groups = adder.TakeGroups();
-  return DeliverEntries(delivery, groups, listParent, guarded, GetGroupListConfig(grouping), nullptr);
+  KELVO_RETURN_ON_ERROR(DeliverEntries(delivery, groups, listParent, guarded, GetGroupListConfig(grouping), nullptr));
+  return FillRecords(*walk, repository, settings.lengthUnitSystem);
+}
+
+Result<void> AssetBrowserImpl::FillRecords(BrowserWalk& walk, const AssetRepositoryRef& repository,
+                                           LENGTHUNITSYSTEM lengthUnitSystem) {
+  // Read now, before END, what the next filters would read at their first pass over all assets
+  // (keywords, tags, subtypes, sizes), so that typing does not pay for it. A new setting stops
+  // this at the next check; the next job goes on from there after its own rows.
+  if (walk.filled >= walk.assets.size()) return {};
+  SearchFilter filler(lengthUnitSystem);
+  // Keyword names are looked up in the repository the filters search.
+  KELVO_RETURN_ON_ERROR(filler.Parse(repository, ""));
+  TypeNameCache& cache = walk.reader.GetTypeNameCache();
+  for (std::size_t i = walk.filled; i < walk.assets.size(); ++i) {
+    if ((i + 1) % kCancelCheckInterval == 0) {
+      walk.filled = i;
+      if (IsCurrentJobCancelled()) return OperationCancelledError();
+    }
+    // A value that can't be read stays unread; the evaluation that needs it meets the error.
+    (void)filler.Fill(walk.assets[i].record, cache).HasValue();
+  }
+  walk.filled = walk.assets.size();
+  return {};
 }
 
 Result<BrowserWalk*> AssetBrowserImpl::FreshWalk(const AssetRepositoryRef& repository, const JobSettings& settings) {
@@ -364,6 +387,7 @@ Result<BrowserWalk*> AssetBrowserImpl::FreshWalk(const AssetRepositoryRef& repos
   if (walk.repository.lock() != repository) ObserveRepository(repository);
   walk.complete = false;
   walk.passedValid = false;
+  walk.filled = 0;
   walk.spareRows->clear();
   walk.assets.clear();
   walk.keywordsAndSubtypes.clear();

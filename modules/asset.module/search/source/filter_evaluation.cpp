@@ -189,6 +189,21 @@ bool IsCountForm(std::string_view value) {
   return value.starts_with('=') || value.starts_with('<') || value.starts_with('>');
 }
 
+Result<void> ReadKeywordNames(EvaluationState& state) {
+  KELVO_ASSIGN_OR_RETURN(const std::vector<Id>* ids, KeywordIds(state));
+  FilterRecord& record = state.record;
+  if (record.read & FilterRecord::KEYWORD_NAMES) return {};
+  std::vector<std::string> names;
+  for (const Id& id : *ids) {
+    KELVO_ASSIGN_OR_RETURN(std::string_view name,
+                           DisplayName(state, IdAndVersion{id, Id()}, KeywordAssetInterface::TypeId(), true));
+    names.emplace_back(name);
+  }
+  record.keywordNames = std::move(names);
+  record.read |= FilterRecord::KEYWORD_NAMES;
+  return {};
+}
+
 Result<void> KeywordsStage(const SearchTerm& term, FILTERKEY key, bool preMatching, EvaluationState& state) {
   KELVO_ASSIGN_OR_RETURN(const std::vector<Id>* ids, KeywordIds(state));
   if (key == FILTERKEY::KEYWORDCOUNT) return CountStage(term, ids->size(), state);
@@ -196,18 +211,8 @@ Result<void> KeywordsStage(const SearchTerm& term, FILTERKEY key, bool preMatchi
   // and so pass every asset tagged with it: counts are only taken of the evaluated asset.
   const bool counts = !preMatching && std::any_of(term.values.begin(), term.values.end(), IsCountForm);
   if (ids->empty() && !counts) return {};
-  FilterRecord& record = state.record;
-  if (!(record.read & FilterRecord::KEYWORD_NAMES)) {
-    std::vector<std::string> names;
-    for (const Id& id : *ids) {
-      KELVO_ASSIGN_OR_RETURN(std::string_view name,
-                             DisplayName(state, IdAndVersion{id, Id()}, KeywordAssetInterface::TypeId(), true));
-      names.emplace_back(name);
-    }
-    record.keywordNames = std::move(names);
-    record.read |= FilterRecord::KEYWORD_NAMES;
-  }
-  const std::vector<std::string>& names = record.keywordNames;
+  KELVO_RETURN_ON_ERROR(ReadKeywordNames(state));
+  const std::vector<std::string>& names = state.record.keywordNames;
   return MarkFirst(term, state, [&](const std::string& v) -> Result<std::optional<std::string>> {
     if (preMatching && IsCountForm(v)) return std::optional<std::string>();
     return CollectionTest(v, names);
@@ -339,38 +344,54 @@ LanguageRef FilterLanguage(const EvaluationState& state) {
   return Language::GetCurrentLanguage();
 }
 
+// The name in the filter's language (else the current one). Names and tags are kept for one
+// language; the fallback name and tags are read again after a change.
+Result<void> ReadName(EvaluationState& state) {
+  FilterRecord& record = state.record;
+  const LanguageRef& filterLanguage = state.filter.GetLanguage();
+  if (filterLanguage && record.language == filterLanguage && (record.read & FilterRecord::NAME)) return {};
+  const LanguageRef language = FilterLanguage(state);
+  if (record.language != language) record.read &= ~(FilterRecord::FALLBACK_NAME | FilterRecord::TAGS);
+  record.language = language;
+  if (record.read & FilterRecord::NAME) return {};
+  KELVO_ASSIGN_OR_RETURN(std::string name, state.asset->GetMetaString(stringkeys::name, language, std::string()));
+  record.upperName = ToUpperText(name);
+  record.read |= FilterRecord::NAME;
+  return {};
+}
+
+// The name in the fallback language of the record's language; needs ReadName first.
+Result<void> ReadFallbackName(EvaluationState& state) {
+  FilterRecord& record = state.record;
+  if (record.read & FilterRecord::FALLBACK_NAME) return {};
+  record.upperFallbackName.clear();
+  if (const LanguageRef fallback = record.language->GetFallbackLanguage()) {
+    KELVO_ASSIGN_OR_RETURN(std::string name, GetStoredName(state.asset, fallback));
+    record.upperFallbackName = ToUpperText(name);
+  }
+  record.read |= FilterRecord::FALLBACK_NAME;
+  return {};
+}
+
+Result<void> ReadTags(EvaluationState& state, const TagStringGetter& tagStringGetter) {
+  FilterRecord& record = state.record;
+  if (record.read & FilterRecord::TAGS) return {};
+  KELVO_ASSIGN_OR_RETURN(record.tags, tagStringGetter());
+  record.read |= FilterRecord::TAGS;
+  return {};
+}
+
 Result<void> NameAndTagsStage(const SearchTerm& term, const TagStringGetter& tagStringGetter,
                               EvaluationState& state) {
   FilterRecord& record = state.record;
-  const LanguageRef& filterLanguage = state.filter.GetLanguage();
-  if (!filterLanguage || record.language != filterLanguage || !(record.read & FilterRecord::NAME)) {
-    // Names and tags are kept for one language; all are read again after a change.
-    const LanguageRef language = FilterLanguage(state);
-    if (record.language != language) record.read &= ~(FilterRecord::FALLBACK_NAME | FilterRecord::TAGS);
-    record.language = language;
-    if (!(record.read & FilterRecord::NAME)) {
-      KELVO_ASSIGN_OR_RETURN(std::string name, state.asset->GetMetaString(stringkeys::name, language, std::string()));
-      record.upperName = ToUpperText(name);
-      record.read |= FilterRecord::NAME;
-    }
-  }
+  KELVO_RETURN_ON_ERROR(ReadName(state));
   for (const std::string& v : term.values) {
     if (record.upperName.find(v) != std::string::npos) return MarkTerm(term, v, {}, state);
-    if (!(record.read & FilterRecord::FALLBACK_NAME)) {
-      record.upperFallbackName.clear();
-      if (const LanguageRef fallback = record.language->GetFallbackLanguage()) {
-        KELVO_ASSIGN_OR_RETURN(std::string name, GetStoredName(state.asset, fallback));
-        record.upperFallbackName = ToUpperText(name);
-      }
-      record.read |= FilterRecord::FALLBACK_NAME;
-    }
+    KELVO_RETURN_ON_ERROR(ReadFallbackName(state));
     if (!record.upperFallbackName.empty() && record.upperFallbackName.find(v) != std::string::npos)
       return MarkTerm(term, v, {}, state);
     if (!tagStringGetter) continue;
-    if (!(record.read & FilterRecord::TAGS)) {
-      KELVO_ASSIGN_OR_RETURN(record.tags, tagStringGetter());
-      record.read |= FilterRecord::TAGS;
-    }
+    KELVO_RETURN_ON_ERROR(ReadTags(state, tagStringGetter));
     if (record.tags.empty()) continue;
     // One value per term: a later alternative that matched too would count as a second value.
     KELVO_ASSIGN_OR_RETURN(bool matched, TagMatch(term, v, record.tags, state));
@@ -493,6 +514,23 @@ Result<void> EvaluateTerms(EvaluationState& state, std::uint32_t metaIdSet, bool
     previous = count;
   }
   return {};
+}
+
+Result<void> FillRecord(EvaluationState& state, const TagStringGetter& tagStringGetter) {
+  // Each value on its own: one that can't be read stays unread for the evaluation that needs it.
+  Result<void> failed;
+  const auto keep = [&failed](Result<void> read) {
+    if (read.HasError() && failed.HasValue()) failed = std::move(read);
+  };
+  keep(ReadName(state));
+  if (state.record.read & FilterRecord::NAME) {
+    keep(ReadFallbackName(state));
+    keep(ReadTags(state, tagStringGetter));
+  }
+  keep(ReadKeywordNames(state));
+  keep(ReadSubtype(state));
+  keep(ReadSize(state));
+  return failed;
 }
 
 } // namespace kelvo

@@ -88,6 +88,11 @@ struct EvaluationState {
 Result<void> ReadKeywordIds(EvaluationState& state);
 Result<void> ReadSubtype(EvaluationState& state);
 
+// Reads into the state's record, unless read already, every value that a name, free text,
+// keyword, type or size term reads (names and tags in the filter's language). A value that can't
+// be read stays unread and the first such error is returned; the others are read all the same.
+Result<void> FillRecord(EvaluationState& state, const TagStringGetter& tagStringGetter);
+
 // Inserts value (one of term's values) and term into the state and appends text, when not empty,
 // to reasonText.
 Result<void> MarkTerm(const SearchTerm& term, const std::string& value, std::string_view text, EvaluationState& state);

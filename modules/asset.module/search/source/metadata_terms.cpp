@@ -14,6 +14,7 @@
 #include "asset/types/metadata_asset_type.h"
 
 namespace kelvo {
+
 namespace {
 
 // How the candidate of a metadata row is compared with a value.
@@ -141,25 +142,8 @@ Result<Candidate> VersionsCandidate(EvaluationState& state) {
 // The size of the asset's content: the stored size, else the size of its file. Kept in the
 // asset's record.
 Result<Candidate> SizeCandidate(EvaluationState& state) {
-  FilterRecord& record = state.record;
-  if (!(record.read & FilterRecord::SIZE)) {
-    const AssetDescription& asset = state.asset;
-    std::int64_t size = 0;
-    KELVO_ASSIGN_OR_RETURN(std::optional<Data> stored, asset->GetMetaData()->Get(metaids::size));
-    if (stored) {
-      size = IntegerOf(*stored).value_or(0);
-    } else if (Result<Url> url = asset->GetUrl(); url.HasValue() && url->GetScheme() == "file") {
-      std::error_code error;
-      // symlink_status: a link is not followed out of the repository.
-      const auto status = std::filesystem::symlink_status(url->GetPath(), error);
-      if (!error && std::filesystem::is_regular_file(status)) {
-        const std::uintmax_t bytes = std::filesystem::file_size(url->GetPath(), error);
-        if (!error) size = static_cast<std::int64_t>(std::min<std::uintmax_t>(bytes, INT64_MAX));
-      }
-    }
-    record.size = size;
-    record.read |= FilterRecord::SIZE;
-  }
+  KELVO_RETURN_ON_ERROR(ReadSize(state));
+  const FilterRecord& record = state.record;
   Candidate c;
   c.present = true;
   c.number = record.size;
@@ -332,6 +316,28 @@ std::string FormatLength(double value, const char* unit) {
 }
 
 } // namespace
+
+Result<void> ReadSize(EvaluationState& state) {
+  FilterRecord& record = state.record;
+  if (record.read & FilterRecord::SIZE) return {};
+  const AssetDescription& asset = state.asset;
+  std::int64_t size = 0;
+  KELVO_ASSIGN_OR_RETURN(std::optional<Data> stored, asset->GetMetaData()->Get(metaids::size));
+  if (stored) {
+    size = IntegerOf(*stored).value_or(0);
+  } else if (Result<Url> url = asset->GetUrl(); url.HasValue() && url->GetScheme() == "file") {
+    std::error_code error;
+    // symlink_status: a link is not followed out of the repository.
+    const auto status = std::filesystem::symlink_status(url->GetPath(), error);
+    if (!error && std::filesystem::is_regular_file(status)) {
+      const std::uintmax_t bytes = std::filesystem::file_size(url->GetPath(), error);
+      if (!error) size = static_cast<std::int64_t>(std::min<std::uintmax_t>(bytes, INT64_MAX));
+    }
+  }
+  record.size = size;
+  record.read |= FilterRecord::SIZE;
+  return {};
+}
 
 bool IsMetadataTerm(FILTERKEY key) {
   switch (key) {

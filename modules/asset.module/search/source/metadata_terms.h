@@ -19,6 +19,10 @@ bool IsMetadataTerm(FILTERKEY key);
 // Errors of reads are returned.
 Result<void> EvaluateMetadataTerm(const SearchTerm& term, FILTERKEY key, EvaluationState& state);
 
+// Reads into the state's record, unless read already, the byte size of the asset's content: the
+// stored size, else the size of its file.
+Result<void> ReadSize(EvaluationState& state);
+
 // The text of a length in centimetres in the unit system: mm, cm, m, km or in, ft, yd, mi.
 std::string FormatLengthLabel(double centimetres, LENGTHUNITSYSTEM system);
 

@@ -243,4 +243,14 @@ Result<bool> SearchFilter::Evaluate(FilterRecord& record, std::string& reasonTex
   });
 }
 
+Result<void> SearchFilter::Fill(FilterRecord& record, TypeNameCache& cache) const {
+  if (!record.asset) return {};
+  return GuardAllocation([&]() -> Result<void> {
+    std::string reason;
+    EvaluationState state(*this, record, reason, cache);
+    const AssetDescription& asset = record.asset;
+    return FillRecord(state, [&asset] { return GetTagStrings(asset); });
+  });
+}
+
 } // namespace kelvo

@@ -78,6 +78,12 @@ public:
   // again, whichever filter reads it next.
   Result<bool> Evaluate(FilterRecord& record, std::string& reasonText, TypeNameCache& cache) const;
 
+  // Reads into record, unless read already, every value that a name, free text, keyword, type or
+  // size term of any filter in this filter's language reads, so that later evaluations read
+  // nothing. A value that can't be read stays unread (the evaluation that needs it meets the
+  // error) and the first such error is returned. One thread per record at a time.
+  Result<void> Fill(FilterRecord& record, TypeNameCache& cache) const;
+
   // Remembers a category that holds a passing asset: the category itself then passes.
   void AddMatchedCategory(const Id& categoryId) { _matchedCategories.insert(categoryId); }
   const std::unordered_set<Id>& GetMatchedCategories() const { return _matchedCategories; }
