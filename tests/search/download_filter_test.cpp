@@ -2,12 +2,10 @@
 // database: installed once fetched, downloading while a server keeps the request waiting.
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "asset/downloads/asset_downloads.h"
 #include "asset/search/search_filter.h"
+#include "raw_server.h"
 #include "remote_database_fixture.h"
 
 namespace kelvo::testing {
@@ -57,21 +55,13 @@ TEST_F(DownloadFilterTest, InstalledAndDownloadingFollowTheDownloadService) {
   // In place of the server, a socket that takes connections and never answers.
   const int port = _nginx->GetPort();
   _nginx->Stop();
-  const int silent = ::socket(AF_INET, SOCK_STREAM, 0);
-  int one = 1;
-  ::setsockopt(silent, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  ASSERT_EQ(::bind(silent, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(::listen(silent, 4), 0);
+  RawServer silent(port, RawServer::MODE::SILENT);
+  ASSERT_TRUE(silent.IsListening());
   auto started = AssetDownloads::DownloadAsset(busy, AssetInterface::GetUserPrefsRepository());
   ASSERT_TRUE(started.HasValue() && started->progress);
   EXPECT_EQ(Passing("DOWNLOADING:yes", all), Ids{"busy"});
   EXPECT_EQ(Passing("INSTALLED:no", all), (Ids{"away", "busy"}));
   started->progress->Cancel();
-  ::close(silent);
 }
 
 } // namespace
