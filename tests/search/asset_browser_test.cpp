@@ -219,8 +219,6 @@ TEST(ResultModel, BucketsNamesAndTheDeliveryWalk) {
   EXPECT_EQ(GetDateBucket(local(2026, 11, 16), local(2026, 11, 23), "x").name, "2 Weeks Ago");
   EXPECT_EQ(GetDateBucket(local(2026, 11, 18), local(2026, 11, 23), "x").sortNumber, 14); // Wednesday: last week
   EXPECT_EQ(GetDateBucket(local(2026, 11, 24), local(2026, 11, 23), "x").sortNumber, -1);
-  EXPECT_EQ(GetUseCountBucket(101).sortNumber, 101);
-  EXPECT_EQ(ConfigSort::GetDefaultSortByFromGroupBy(ASSETGROUPBY::_MAX), ASSETSORTBY::UNDEFINED);
 
   // A sort prefix is cut before delivery; a limit ends the list with "...".
   BrowserEntryList rows;
