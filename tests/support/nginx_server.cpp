@@ -188,7 +188,7 @@ std::size_t NginxServer::CountRequests(std::string_view uri, std::size_t awaited
     std::size_t n = 0;
     for (const std::string& line : GetAccessLog()) {
       const auto f = Fields(line);
-      if (f.size() >= 2 && f[1] == uri) ++n;
+      if (f.size() >= 2 && (uri.empty() || f[1] == uri)) ++n;
     }
     if (n >= awaited || std::chrono::steady_clock::now() > deadline) return n;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));

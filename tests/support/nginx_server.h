@@ -40,8 +40,9 @@ public:
 
   // The access log, one "METHOD URI STATUS CONNECTION" line per request (URI as sent).
   std::vector<std::string> GetAccessLog() const;
-  // The number of logged requests whose URI is exactly uri. nginx logs a request after its
-  // response has gone out, so this waits (up to 5 s) until at least awaited requests are logged.
+  // The number of logged requests whose URI is exactly uri (any URI when uri is empty). nginx
+  // logs a request after its response has gone out, so this waits (up to 5 s) until at least
+  // awaited requests are logged.
   std::size_t CountRequests(std::string_view uri, std::size_t awaited = 0) const;
   // The number of distinct connections that carried the logged requests.
   std::size_t CountConnections() const;
